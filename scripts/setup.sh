@@ -1,0 +1,40 @@
+#!/usr/bin/env bash
+# Installs what the project needs to build, test and run, from Debian's
+# packages, and unpacks the public-domain test photographs. Quick when all is
+# present already.
+set -euo pipefail
+
+packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
+          googletest libgtest-dev libbenchmark-dev curl python3)
+root=$(cd "$(dirname "$0")/.." && pwd)
+sudo=""
+[ "$(id -u)" -eq 0 ] || sudo="sudo"
+
+missing=()
+for p in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+done
+updated=0
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing: ${missing[*]}"
+  $sudo apt-get update -qq
+  updated=1
+  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+fi
+
+# Photographs for the restoration tests: NASA's portrait of Eileen Collins and
+# SpaceX's launch of DSCOVR, both in the public domain, as Debian's
+# python3-skimage ships them. Only the two files are unpacked; nothing is
+# installed.
+data="$root/.cache/testdata"
+if [ ! -f "$data/astronaut.png" ] || [ ! -f "$data/rocket.jpg" ]; then
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+  if ! (cd "$work" && apt-get download -qq python3-skimage >/dev/null 2>&1); then
+    [ $updated -eq 1 ] || $sudo apt-get update -qq
+    (cd "$work" && apt-get download -qq python3-skimage >/dev/null)
+  fi
+  dpkg-deb -x "$work"/python3-skimage_*.deb "$work/x"
+  mkdir -p "$data"
+  cp "$work"/x/usr/lib/python3/dist-packages/skimage/data/{astronaut.png,rocket.jpg} "$data/"
+fi
