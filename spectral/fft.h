@@ -1,0 +1,37 @@
+// Spectral transforms: the FFT entry and circular convolution built on it.
+//
+// The transform itself is CImg<float>::FFT(real, imag, invert, mutex), added to
+// the image class by fft_plugin.h; its list form is CImgList<float>::FFT(invert,
+// mutex). A complex image is a CImgList<float> of two planes of equal size,
+// entry 0 real and entry 1 imaginary, zero frequency at pixel (0, 0).
+#ifndef DECONV_SPECTRAL_FFT_H
+#define DECONV_SPECTRAL_FFT_H
+
+#include "tool/cimg_config.h"
+
+using cimg_library::CImg;
+using cimg_library::CImgList;
+
+// Brings a small kernel to a width x height plane: the taps are copied into
+// the middle of a zero plane, which is then rolled periodically by half its
+// size. The middle of an odd kernel thus lands at (width - 1, height - 1), one
+// pixel short of the origin in both axes; this is deliberate, and every stage
+// that transforms a kernel (the PSF included) shares the offset.
+void place_kernel(CImg<float>& kernel, int width, int height);
+
+// Forward transform of a real image: returns (F real, F imag) of a copy.
+CImgList<float> forward_spectrum(const CImg<float>& image, pthread_mutex_t* mutex);
+
+// result = circular convolution of image with the kernel whose transform is
+// kernel_fft, channel by channel, at the image's size. Throws the int 189 if
+// kernel_fft is not two planes holding as many samples as the image.
+void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<float>& kernel_fft,
+                  pthread_mutex_t* mutex);
+
+// The same with a kernel in the image domain of any size, whose middle stands
+// for its origin (one pixel short, as place_kernel says). Not normalised: the
+// kernel's sum is the gain of the convolution.
+void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImg<float>& kernel,
+                  pthread_mutex_t* mutex);
+
+#endif
