@@ -1,0 +1,57 @@
+// The second batch: one job per colour channel, each restoring its plane of
+// the tapered input with the generalised Wiener filter
+//   X = S conj(H) Y / (S |H|^2 + lambda N + 1e-17)
+// from the spectra that the first batch left in the engine.
+#include "engine/deconv.h"
+
+void CDeconv::deconv_master(CImg<float>& output, CImg<float>& input) {
+  std::vector<WorkItem_t*> items;
+  std::vector<ChannelWorkData_t*> records;
+
+  pthread_mutex_lock(&queue_mutex);
+  for (int c = 0; c < channels; ++c) {
+    ChannelWorkData_t* const record = new ChannelWorkData_t;
+    record->channel = c;
+    record->input.assign(input.get_shared_channel(c), true);
+    record->output.assign(output.get_shared_channel(c), true);
+    records.push_back(record);
+    queue_job(items, WORK_CHANNEL, record);
+  }
+  pthread_mutex_unlock(&queue_mutex);
+
+  wait_for_batch(items);
+  while (!items.empty()) {
+    WorkItem_t* const item = items.back();
+    items.pop_back();
+    if (!item) continue;
+    if (item->kind != WORK_CHANNEL) throw 188;
+    free_record(item);
+  }
+}
+
+void CDeconv::deconv_channel(CImg<float>& input, CImg<float>& output) {
+  const float lambda = (float)reg_strength / 10.0f;
+  CImgList<float> Y = forward_spectrum(input, &fft_mutex);
+
+  float* const Yr = Y[0].data();
+  float* const Yi = Y[1].data();
+  const float* const Hr = psf_fft[0].data();
+  const float* const Hi = psf_fft[1].data();
+  const float* const S = fidelity_spectrum.data();
+  const float* const N = smoothness_spectrum.data();
+  for (cimg_uint64 k = 0, n = Y[0].size(); k < n; ++k) {
+    // 1e-17f keeps d positive where H and N are both zero, so such a frequency
+    // gives 0 and not NaN. Each step is rounded to float in this association.
+    const float d = (N[k] * lambda + 1e-17f) + (Hr[k] * Hr[k] + Hi[k] * Hi[k]) * S[k];
+    const float r = 1.0f / d;
+    const float g = S[k] * r;
+    const float yr = Yr[k], yi = Yi[k];
+    Yr[k] = g * (Hr[k] * yr + Hi[k] * yi);
+    Yi[k] = g * (Hr[k] * yi - Hi[k] * yr);
+  }
+
+  Y.FFT(true, &fft_mutex);
+  // The real plane, unclamped, copied into this channel of the result; the
+  // imaginary plane is dropped unread.
+  output.assign(Y[0].data(), Y[0].width(), Y[0].height(), Y[0].depth(), Y[0].spectrum());
+}

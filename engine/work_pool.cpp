@@ -1,0 +1,128 @@
+// The engine's worker pool: threads that sleep on "WorkAvailableSemaphore",
+// pop one job from the queue, run it and post "WorkCompleteSemaphore". The
+// masters fan a batch out under queue_mutex and count its completions.
+#include <fcntl.h>
+
+#include "engine/deconv.h"
+
+CDeconv::CDeconv(const int worker_count, const int strength) : reg_strength(strength) {
+  pthread_mutex_init(&fft_mutex, nullptr);
+  pthread_mutex_init(&queue_mutex, nullptr);
+  pthread_mutex_init(&accum_mutex, nullptr);
+  // No O_EXCL: a run attaches to whatever a crashed run left, counts included.
+  work_available = sem_open("WorkAvailableSemaphore", O_CREAT, 0600, 0);
+  work_complete = sem_open("WorkCompleteSemaphore", O_CREAT, 0600, 0);
+  psf_fft_done = sem_open("PsfFftDoneSemaphore", O_CREAT, 0600, 0);
+  // A negative count widens to a huge size and fails here with length_error,
+  // before any thread exists; the semaphores then stay behind.
+  workers.resize(worker_count, pthread_t());
+  worker_setup(worker_count);
+}
+
+CDeconv::~CDeconv() {
+  worker_teardown();
+  pthread_mutex_destroy(&fft_mutex);
+  pthread_mutex_destroy(&queue_mutex);
+  pthread_mutex_destroy(&accum_mutex);
+  sem_close(work_available);
+  sem_close(work_complete);
+  sem_close(psf_fft_done);
+  sem_unlink("WorkAvailableSemaphore");
+  sem_unlink("WorkCompleteSemaphore");
+  sem_unlink("PsfFftDoneSemaphore");
+}
+
+void CDeconv::worker_setup(const int worker_count) {
+  for (int i = 0; i < worker_count; ++i) pthread_create(&workers[i], nullptr, worker_start, this);
+}
+
+// Workers normally sleep in sem_wait, a cancellation point. One is cancelled
+// and joined at a time.
+void CDeconv::worker_teardown() {
+  for (size_t i = 0; i < workers.size(); ++i) {
+    pthread_cancel(workers[i]);
+    pthread_join(workers[i], nullptr);
+  }
+}
+
+void* CDeconv::worker_start(void* const engine) {
+  CDeconv* const self = static_cast<CDeconv*>(engine);
+  try {
+    self->generic_consumer();
+  } catch (...) {
+    // Cancellation unwinds through here and must go on; any job's exception
+    // leaves the thread and ends the process.
+    throw;
+  }
+  return nullptr;
+}
+
+void CDeconv::generic_consumer() {
+  for (;;) {
+    sem_wait(work_available);
+    pthread_mutex_lock(&queue_mutex);
+    WorkItem_t* const item = work_queue.front();  // the semaphore's count is the only guard
+    work_queue.pop();
+    pthread_mutex_unlock(&queue_mutex);
+    run_job(item);
+    sem_post(work_complete);  // not reached by a job that throws
+  }
+}
+
+void CDeconv::run_job(WorkItem_t* const item) {
+  switch (item->kind) {
+    case WORK_CHANNEL: {
+      ChannelWorkData_t* const record = static_cast<ChannelWorkData_t*>(item->data);
+      deconv_channel(record->input, record->output);
+      break;
+    }
+    case WORK_GRADIENT:
+      partial_gradient(static_cast<GradientWorkData_t*>(item->data)->type);
+      break;
+    case WORK_EDGE_TAPER: {
+      EdgeTaperWorkData_t* const record = static_cast<EdgeTaperWorkData_t*>(item->data);
+      taper_edges(record->image, record->taper_width, false);
+      break;
+    }
+    case WORK_PSF_FFT:
+      calculate_fft_of_psf();
+      break;
+    default:
+      throw 188;
+  }
+}
+
+// Called with queue_mutex held: a worker woken by the post blocks on the mutex
+// until the master has queued the whole batch.
+void CDeconv::queue_job(std::vector<WorkItem_t*>& batch, const WorkTypes kind, void* const data) {
+  WorkItem_t* const item = new WorkItem_t{data, kind};
+  batch.push_back(item);
+  work_queue.push(item);
+  sem_post(work_available);
+}
+
+// Completions are only counted; which job ended is not known. After the last
+// wait, everything the jobs wrote is visible to the master.
+void CDeconv::wait_for_batch(const std::vector<WorkItem_t*>& batch) {
+  for (size_t i = 0; i < batch.size(); ++i) sem_wait(work_complete);
+}
+
+// Frees an item's record (a record's images are views and free no pixels);
+// the item itself stays allocated.
+void CDeconv::free_record(WorkItem_t* const item) {
+  switch (item->kind) {
+    case WORK_CHANNEL:
+      delete static_cast<ChannelWorkData_t*>(item->data);
+      break;
+    case WORK_EDGE_TAPER:
+      delete static_cast<EdgeTaperWorkData_t*>(item->data);
+      break;
+    case WORK_GRADIENT:
+      delete static_cast<GradientWorkData_t*>(item->data);
+      break;
+    case WORK_PSF_FFT:
+      break;
+    default:
+      throw 188;
+  }
+}
