@@ -1,0 +1,361 @@
+// Loading and saving through the library and the external converters. The
+// attempts inside load and save run with the library's reports silenced; only
+// the final failure is reported, with the library's own message texts.
+#include "tool/image_io.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+using cimg_library::CImgException;
+using cimg_library::CImgIOException;
+namespace cimg = cimg_library::cimg;
+
+namespace {
+
+// Silences the library's reports for a scope, restoring the mode however the
+// scope is left.
+class QuietReports {
+ public:
+  QuietReports() : saved_(cimg::exception_mode()) { cimg::exception_mode(0); }
+  ~QuietReports() { cimg::exception_mode(saved_); }
+
+ private:
+  unsigned int saved_;
+};
+
+const char* find_gm() { return cimg::graphicsmagick_path(); }
+
+// One external converter and its command lines; names are quoted and not
+// escaped otherwise. The commands are cut at 1023 characters without notice.
+struct Converter {
+  const char* (*path)();
+  const char* piped_load;  // path, file
+  const char* file_load;   // path, file, temporary .pnm
+  const char* save;        // path, quality, temporary PNM, target
+  const char* load_failure;
+  const char* save_failure;
+};
+
+const Converter imagemagick = {
+    find_convert,
+    "%s \"%s\" pnm:-",
+    "%s \"%s\" \"%s\"",
+    "%s -quality %u \"%s\" \"%s\"",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_imagemagick_external() : Failed to load file '%s' "
+    "with external command 'convert'.",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_imagemagick_external() : Failed to save file '%s' "
+    "with external command 'convert'.",
+};
+
+const Converter graphicsmagick = {
+    find_gm,
+    "%s convert \"%s\" pnm:-",
+    "%s convert \"%s\" \"%s\"",
+    "%s convert -quality %u \"%s\" \"%s\"",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_graphicsmagick_external() : Failed to load file '%s' "
+    "with external command 'gm'.",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_graphicsmagick_external() : Failed to save file '%s' "
+    "with external command 'gm'.",
+};
+
+bool file_exists(const char* path) {
+  std::FILE* const file = std::fopen(path, "rb");
+  if (file) std::fclose(file);
+  return file != nullptr;
+}
+
+// A fresh name in the library's temporary folder ("TMP", "TEMP", /tmp, ...).
+std::string temporary_name(const char* extension) {
+  char name[1024];
+  do {
+    std::snprintf(name, sizeof name, "%s/%s.%s", cimg::temporary_path(), cimg::filenamerand(), extension);
+  } while (file_exists(name));
+  return name;
+}
+
+// A command line in the converters' fixed-size buffer.
+std::string command_line(const char* format, ...) {
+  char command[1024];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(command, sizeof command, format, args);
+  va_end(args);
+  return command;
+}
+
+void load_with_converter(CImg<float>& img, const char* path, const Converter& converter) {
+  std::fclose(open_file(path, "rb"));
+  const std::string command = command_line(converter.piped_load, converter.path(), path);
+  // A missing converter does not make popen fail: the shell starts, complains
+  // on stderr, and the PNM reader finds an empty stream.
+  if (std::FILE* const pipe = popen(command.c_str(), "r")) {
+    try {
+      img.load_pnm(pipe);
+    } catch (CImgIOException&) {
+      pclose(pipe);
+      throw CImgIOException(converter.load_failure, deconv_instance(img), path);
+    }
+    pclose(pipe);
+    return;
+  }
+  const std::string pnm = temporary_name("pnm");
+  std::system(command_line(converter.file_load, converter.path(), path, pnm.c_str()).c_str());
+  try {
+    img.load_pnm(pnm.c_str());
+  } catch (CImgIOException&) {
+    std::remove(pnm.c_str());
+    throw CImgIOException(converter.load_failure, deconv_instance(img), path);
+  }
+  std::remove(pnm.c_str());
+}
+
+// The target's existence is the only test of success, so an old file of that
+// name passes. On failure the temporary PNM stays behind.
+void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality,
+                         const Converter& converter) {
+  const std::string pnm = temporary_name(img.spectrum() == 1 ? "pgm" : "ppm");
+  img.save_pnm(pnm.c_str());
+  std::system(command_line(converter.save, converter.path(), quality, pnm.c_str(), path).c_str());
+  if (!file_exists(path)) throw CImgIOException(converter.save_failure, deconv_instance(img), path);
+  std::remove(pnm.c_str());
+}
+
+bool is_one_of(const char* ext, std::initializer_list<const char*> names) {
+  for (const char* name : names)
+    if (!cimg::strcasecmp(ext, name)) return true;
+  return false;
+}
+
+// The reader chosen by the extension; false when the extension names none.
+bool load_by_extension(CImg<float>& img, const char* path, const char* ext) {
+  if (!*ext || !cimg::strcasecmp(ext, "cimg")) img.load_cimg(path);
+  else if (is_one_of(ext, {"ppm", "pgm", "pnm", "pbm", "pnk"})) img.load_pnm(path);
+  else if (!cimg::strcasecmp(ext, "pfm")) img.load_pfm(path);
+  else if (!cimg::strcasecmp(ext, "bmp")) img.load_bmp(path);
+  else if (!cimg::strcasecmp(ext, "asc")) img.load_ascii(path);
+  else if (is_one_of(ext, {"dlm", "txt"})) img.load_dlm(path);
+  else if (is_one_of(ext, {"hdr", "nii"})) img.load_analyze(path);
+  else if (is_one_of(ext, {"par", "rec"})) img.load_parrec(path);
+  else if (!cimg::strcasecmp(ext, "inr")) img.load_inr(path);
+  else if (!cimg::strcasecmp(ext, "pan")) img.load_pandore(path);
+  else if (is_one_of(ext, {"jpg", "jpeg", "jpe", "jfif", "jif", "png", "tif", "tiff", "exr", "mnc"}))
+    load_other(img, path);
+  else if (is_one_of(ext, {"arw", "cr2", "crw", "dcr", "dng", "mrw", "nef", "orf", "pix", "ptx", "raf", "srf"}))
+    img.load_dcraw_external(path);
+  else if (is_one_of(ext, {"dcm", "dicom"})) img.load_medcon_external(path);
+  else if (!cimg::strcasecmp(ext, "gz")) img.load_gzip_external(path);
+  else if (is_one_of(ext, {"avi", "mov", "asf", "divx", "flv", "mpg", "m1v", "m2v", "m4v", "mjp", "mp4", "mkv",
+                           "mpe", "movie", "ogm", "ogg", "ogv", "qt", "rm", "vob", "webm", "wmv", "xvid",
+                           "mpeg"}))
+    img.load_video(path);
+  else return false;
+  return true;
+}
+
+// The reader of a type found by content; false when there is none.
+bool load_by_type(CImg<float>& img, const char* path, const char* type) {
+  if (!type) return false;
+  if (!cimg::strcasecmp(type, "pnm")) img.load_pnm(path);
+  else if (!cimg::strcasecmp(type, "pfm")) img.load_pfm(path);
+  else if (!cimg::strcasecmp(type, "bmp")) img.load_bmp(path);
+  else if (!cimg::strcasecmp(type, "inr")) img.load_inr(path);
+  else if (!cimg::strcasecmp(type, "pan")) img.load_pandore(path);
+  else if (!cimg::strcasecmp(type, "dcm")) img.load_medcon_external(path);
+  else if (is_one_of(type, {"jpg", "png", "tif", "gif"})) load_other(img, path);
+  else return false;
+  return true;
+}
+
+// A PNM or PFM header line ("P1".."P9", "Pf", "PF") as the first line that is
+// not a comment, in a file of at least 2048 bytes.
+const char* detect_pnm(const char* path) {
+  std::FILE* const file = std::fopen(path, "rb");
+  if (!file) return nullptr;
+  char header[2048];
+  const size_t size = std::fread(header, 1, sizeof header, file);
+  std::fclose(file);
+  if (size < sizeof header) return nullptr;
+  for (size_t line = 0; line < size;) {
+    size_t end = line;
+    while (end < size && header[end] != '\n') ++end;
+    if (header[line] != '#') {
+      if (end - line != 2 || header[line] != 'P') return nullptr;
+      const char c = header[line + 1];
+      if (c == 'f' || c == 'F') return "pfm";
+      return c >= '1' && c <= '9' ? "pnm" : nullptr;
+    }
+    line = end + 1;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+const char* find_convert() {
+  static std::string path;
+  if (path.empty()) {
+    path = "convert";
+    for (const char* candidate : {"./convert", "./im_mac/bin/convert", "./mactools/im_mac/bin/convert"})
+      if (std::FILE* const file = std::fopen(candidate, "r")) {
+        std::fclose(file);
+        path = candidate;
+        break;
+      }
+  }
+  return path.c_str();
+}
+
+std::FILE* open_file(const char* path, const char* mode) {
+  std::FILE* const file = std::fopen(path, mode);
+  if (!file) throw CImgIOException("cimg::fopen() : Failed to open file '%s' with mode '%s'.", path, mode);
+  return file;
+}
+
+const char* detect_type(const char* path) {
+  const char* type = nullptr;
+  {
+    QuietReports quiet;
+    try {
+      type = cimg::ftype(nullptr, path);
+    } catch (CImgException&) {
+      type = nullptr;
+    }
+  }
+  return type ? type : detect_pnm(path);
+}
+
+bool input_is_png(const char* path) {
+  std::fclose(open_file(path, "rb"));
+  const char* const type = detect_type(path);
+  return type && !cimg::strcasecmp(type, "png");
+}
+
+void load_image(CImg<float>& img, const char* path) {
+  if (!cimg::strncasecmp(path, "http://", 7) || !cimg::strncasecmp(path, "https://", 8)) {
+    char local[256];
+    cimg::load_network(path, local);
+    try {
+      load_image(img, local);
+    } catch (...) {
+      std::remove(local);
+      throw;
+    }
+    std::remove(local);
+    return;
+  }
+
+  bool can_open = true;
+  {
+    QuietReports quiet;
+    try {
+      if (load_by_extension(img, path, cimg::split_filename(path))) return;
+    } catch (CImgIOException&) {
+    }
+    can_open = file_exists(path);
+    if (can_open) {
+      try {
+        if (load_by_type(img, path, detect_type(path))) return;
+      } catch (CImgIOException&) {
+      }
+      try {
+        load_other(img, path);
+        return;
+      } catch (CImgIOException&) {
+      }
+    }
+  }
+  if (!can_open)
+    throw CImgIOException("[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load() : Failed to open file '%s'.",
+                          deconv_instance(img), path);
+  throw CImgIOException(
+      "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load() : Failed to recognize format of file '%s'.",
+      deconv_instance(img), path);
+}
+
+void load_other(CImg<float>& img, const char* path) {
+  {
+    QuietReports quiet;
+    try {
+      load_with_converter(img, path, imagemagick);
+      return;
+    } catch (CImgException&) {
+    }
+    try {
+      load_with_converter(img, path, graphicsmagick);
+      return;
+    } catch (CImgException&) {
+    }
+    try {
+      img.load_cimg(path, 'z', 0);
+      return;
+    } catch (CImgException&) {
+    }
+  }
+  if (!file_exists(path))
+    throw CImgIOException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_other() : Failed to open file '%s'.",
+        deconv_instance(img), path);
+  throw CImgIOException(
+      "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_other() : Failed to recognize format of file '%s'.",
+      deconv_instance(img), path);
+}
+
+void save_result(const CImg<float>& img, const char* path, const bool is_png, const unsigned int quality) {
+  using cimg_library::CImgArgumentException;
+  using cimg_library::CImgInstanceException;
+  if (is_png) {
+    if (!path)
+      throw CImgArgumentException(
+          "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_png() : Specified filename is (null).",
+          deconv_instance(img));
+    if (img.is_empty())
+      throw CImgInstanceException(
+          "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_png() : Empty image, for file '%s'.",
+          deconv_instance(img), path);
+    save_other(img, path, 100);
+    return;
+  }
+  if (!path)
+    throw CImgArgumentException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_jpeg() : Specified filename is (null).",
+        deconv_instance(img));
+  if (img.is_empty())
+    throw CImgInstanceException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_jpeg() : Empty instance, for file '%s'.",
+        deconv_instance(img), path);
+  if (img.depth() > 1 && cimg::exception_mode())
+    std::fprintf(cimg::output(),
+                 "\n[CImg] *** Warning ***[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_jpeg() : Instance "
+                 "is volumetric, only the first slice will be saved in file '%s'.",
+                 deconv_instance(img), path);
+  save_other(img, path, quality);
+}
+
+void save_other(const CImg<float>& img, const char* path, const unsigned int quality) {
+  if (!path)
+    throw cimg_library::CImgArgumentException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_other() : Specified filename is (null).",
+        deconv_instance(img));
+  if (img.is_empty())
+    throw cimg_library::CImgInstanceException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_other() : Empty instance, for file '%s'.",
+        deconv_instance(img), path);
+  {
+    QuietReports quiet;
+    try {
+      save_with_converter(img, path, quality, imagemagick);
+      return;
+    } catch (CImgException&) {
+    }
+    try {
+      save_with_converter(img, path, quality, graphicsmagick);
+      return;
+    } catch (CImgException&) {
+    }
+  }
+  throw CImgIOException(
+      "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_other() : Failed to save file '%s'. Format is not "
+      "natively supported, and no external commands succeeded.",
+      deconv_instance(img), path);
+}
