@@ -9,7 +9,7 @@
 // Width of the column blocks of the transposing copies: the buffer is x-major
 // (x is FFTW's slowest axis) while the image is x-fastest, so a copy walks a
 // block of columns row by row to keep both sides in cache.
-enum { _fft_copy_block = 16 };
+enum { _fft_copy_block = 64 };
 
 static void FFT(CImg<T>& real, CImg<T>& imag, const bool invert, pthread_mutex_t* const mutex) {
   if (!real._data)
