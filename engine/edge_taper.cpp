@@ -47,7 +47,7 @@ void CDeconv::taper_edges(CImg<float>& image, const int taper_width, const bool 
   sem_post(psf_fft_done);
 
   const int t = taper_width;
-  CImg<float> blurred(image, false);
+  CImg<float> blurred;  // the convolution gives it the plane's size
   // The blur keeps the PSF's one-pixel displacement: it is not re-aligned.
   if (!use_gaussian) {
     fftconv(blurred, image, psf_fft);

@@ -6,10 +6,17 @@
 // Forward is unscaled; inverse divides every sample by width * height * depth.
 // The zero frequency stays at pixel (0, 0, 0), not centred.
 
-// Width of the column blocks of the transposing copies: the buffer is x-major
-// (x is FFTW's slowest axis) while the image is x-fastest, so a copy walks a
-// block of columns row by row to keep both sides in cache.
-enum { _fft_copy_block = 64 };
+// Calls f(buffer offset, image offset) for every sample of one channel. The
+// buffer is x-major (x is FFTW's slowest axis) while the image is x-fastest,
+// so the walk takes blocks of 64 columns row by row to keep both in cache.
+template <class F>
+static void _fft_for_each_sample(const unsigned int W, const unsigned int H, const unsigned int D, F f) {
+  for (unsigned int x0 = 0; x0 < W; x0 += 64)
+    for (unsigned int z = 0; z < D; ++z)
+      for (unsigned int y = 0; y < H; ++y)
+        for (unsigned int x = x0; x < std::min(W, x0 + 64); ++x)
+          f(((cimg_uint64)x * H + y) * D + z, ((cimg_uint64)z * H + y) * W + x);
+}
 
 static void FFT(CImg<T>& real, CImg<T>& imag, const bool invert, pthread_mutex_t* const mutex) {
   if (!real._data)
@@ -39,38 +46,21 @@ static void FFT(CImg<T>& real, CImg<T>& imag, const bool invert, pthread_mutex_t
   for (unsigned int c = 0; c < real._spectrum; ++c) {
     T* const re = real.data(0, 0, 0, c);
     T* const im = imag.data(0, 0, 0, c);
-    for (unsigned int x0 = 0; x0 < W; x0 += _fft_copy_block) {
-      const unsigned int x1 = std::min(W, x0 + (unsigned int)_fft_copy_block);
-      for (unsigned int z = 0; z < D; ++z)
-        for (unsigned int y = 0; y < H; ++y) {
-          const cimg_uint64 row = ((cimg_uint64)z * H + y) * W;
-          for (unsigned int x = x0; x < x1; ++x) {
-            fftwf_complex& entry = buffer[((cimg_uint64)x * H + y) * D + z];
-            entry[0] = (float)re[row + x];
-            entry[1] = (float)im[row + x];
-          }
-        }
-    }
+    _fft_for_each_sample(W, H, D, [&](cimg_uint64 b, cimg_uint64 i) {
+      buffer[b][0] = (float)re[i];
+      buffer[b][1] = (float)im[i];
+    });
     fftwf_execute(plan);
-    for (unsigned int x0 = 0; x0 < W; x0 += _fft_copy_block) {
-      const unsigned int x1 = std::min(W, x0 + (unsigned int)_fft_copy_block);
-      for (unsigned int z = 0; z < D; ++z)
-        for (unsigned int y = 0; y < H; ++y) {
-          const cimg_uint64 row = ((cimg_uint64)z * H + y) * W;
-          for (unsigned int x = x0; x < x1; ++x) {
-            const fftwf_complex& entry = buffer[((cimg_uint64)x * H + y) * D + z];
-            if (invert) {
-              // A true division, not a multiplication by 1/n: the last bit of
-              // every sample depends on it.
-              re[row + x] = (T)(entry[0] / n);
-              im[row + x] = (T)(entry[1] / n);
-            } else {
-              re[row + x] = (T)entry[0];
-              im[row + x] = (T)entry[1];
-            }
-          }
-        }
-    }
+    if (invert)  // a true division, not a multiplication by 1/n: the last bit depends on it
+      _fft_for_each_sample(W, H, D, [&](cimg_uint64 b, cimg_uint64 i) {
+        re[i] = (T)(buffer[b][0] / n);
+        im[i] = (T)(buffer[b][1] / n);
+      });
+    else
+      _fft_for_each_sample(W, H, D, [&](cimg_uint64 b, cimg_uint64 i) {
+        re[i] = (T)buffer[b][0];
+        im[i] = (T)buffer[b][1];
+      });
   }
 
   if (mutex) pthread_mutex_lock(mutex);
