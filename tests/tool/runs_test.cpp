@@ -1,0 +1,200 @@
+// The binary as a script runs it: exit statuses and silence, the converters it
+// finds and the exact command lines it gives them (scripts in the working
+// folder record their arguments), and whole restorations of photographs.
+#include <regex>
+
+#include "tests/support.h"
+#include "tool/image_io.h"
+
+namespace {
+
+int count(const std::string& text, const std::string& word) {
+  int n = 0;
+  for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++n;
+  return n;
+}
+
+CImg<float> load(const std::string& path) {
+  CImg<float> img;
+  load_image(img, path.c_str());
+  return img;
+}
+
+class Runs : public SemaphoreTest {
+ protected:
+  void SetUp() override {
+    SemaphoreTest::SetUp();
+    CImg<float> picture(24, 20, 1, 3);
+    cimg_forXYC(picture, x, y, c) picture(x, y, 0, c) = 40 + 6 * x + 5 * y + 30 * c;
+    picture.save_pnm((dir / "input.ppm").c_str());
+    picture.get_channel(1).save_pnm((dir / "grey.pgm").c_str());
+    CImg<float>(3, 1, 1, 1, 128.0, 255.0, 128.0).save_pnm((dir / "psf.pgm").c_str());
+    ASSERT_EQ(std::system(("cd " + dir.path + " && mkdir tmp bin && convert input.ppm input.png").c_str()), 0);
+  }
+  // A converter that logs its arguments as a line, then runs `real` ("": fails).
+  void recording(const std::string& name, const std::string& real) {
+    write_file(dir / name, "#!/bin/sh\necho \"$*\" >> '" + dir / name + ".log'\n" + (real.empty() ? "exit 1" : "exec " + real + " \"$@\""));
+    ASSERT_EQ(std::system(("chmod +x " + dir / name).c_str()), 0);
+  }
+  bool logged(const std::string& name, const std::string& pattern) {  // a temporary name stands as TMP
+    const std::string log = read_file(dir / name + ".log");
+    return std::regex_match(log, std::regex(std::regex_replace(pattern, std::regex("TMP"), "tmp/[A-Za-z0-9]{8}"))) || !(std::cerr << log);
+  }
+  TempDir dir;
+};
+
+TEST_F(Runs, ExitStatusesAsAScriptSeesThem) {
+  for (const char* args : {"", "input.ppm psf.pgm out.png", "input.ppm psf.pgm out.png 2 9", "input.ppm psf.pgm out.png 2 101",
+                           "input.ppm psf.pgm out.png 2 abc", "input.ppm psf.pgm out.png 2 95 -1", "input.ppm psf.pgm out.png 2 95 201"})
+    EXPECT_EQ(dir.run(args), std::pair(1, std::string())) << args;  // silently, after loading both pictures
+  EXPECT_EQ(dir.run("missing.ppm psf.pgm out.png 2 9").first, 11);
+  for (const char* args : {"2 10", "2 100", "2 95 0", "2 95 200", "2 95 none"}) {
+    EXPECT_EQ(dir.run(std::string("input.ppm psf.pgm out.png ") + args), std::pair(0, std::string())) << args;
+    EXPECT_FALSE(remove_semaphores());
+  }
+  const auto [status, err] = dir.run("input.ppm psf.pgm out.png -2");
+  EXPECT_EQ(status, 11);
+  EXPECT_TRUE(std::regex_search(err, std::regex("General exception: vector::_M_fill_insert$")));
+  EXPECT_TRUE(remove_semaphores());  // a failed constructor leaves the names
+  EXPECT_EQ(dir.run("input.ppm psf.pgm out.png 0", "", 2).first, 137);  // no worker: waits for ever
+  EXPECT_TRUE(remove_semaphores());
+}
+
+TEST_F(Runs, ConverterCommandLinesAndTheTemporaryFolder) {
+  recording("convert", "/usr/bin/convert");
+  ASSERT_EQ(dir.run("input.png psf.pgm out.png 2 60", "TMP=tmp").first, 0);  // PNG input: quality 100
+  ASSERT_EQ(dir.run("grey.pgm psf.pgm out.jpg 2 60", "TMP=tmp").first, 0);   // read natively
+  ASSERT_EQ(dir.run("input.ppm psf.pgm out.png 2", "-u TMP TEMP=tmp").first, 0);
+  EXPECT_TRUE(logged("convert", "input.png pnm:-\n-quality 100 TMP\\.ppm out.png\n-quality 60 TMP\\.pgm out.jpg\n"
+                                "-quality 95 TMP\\.ppm out.png\n"));
+  EXPECT_EQ(std::system(("test -z \"$(ls " + dir / "tmp" + ")\"").c_str()), 0) << "temporary files stay behind";
+}
+
+TEST_F(Runs, TheFirstConvertThatOpensWinsAndGmTakesOver) {
+  const std::string candidates[] = {"convert", "im_mac/bin/convert", "mactools/im_mac/bin/convert"};
+  ASSERT_EQ(std::system(("mkdir -p " + dir / "im_mac/bin " + dir / "mactools/im_mac/bin").c_str()), 0);
+  for (int first = 2; first >= 0; --first) {  // candidates from `first` on exist
+    recording(candidates[first], "/usr/bin/convert");
+    ASSERT_EQ(dir.run("input.png psf.pgm out.png 2", "TMP=tmp").first, 0);
+    for (int i = first; i < 3; ++i) EXPECT_TRUE(logged(candidates[i], i == first ? "input.png pnm:-\n.*\n" : "")) << candidates[i];
+    std::remove((dir / candidates[first] + ".log").c_str());
+  }
+  ASSERT_EQ(std::system(("chmod -x " + dir / "convert").c_str()), 0);  // still found: the search only opens it
+  recording("gm", "/usr/bin/gm");
+  const auto [status, err] = dir.run("input.png psf.pgm gm.png 2", "TMP=tmp");
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(count(err, "./convert: Permission denied"), 2);
+  EXPECT_TRUE(logged("gm", "convert input.png pnm:-\nconvert -quality 100 TMP\\.ppm gm.png\n"));
+}
+
+TEST_F(Runs, CommandsAreCutAt1023Characters) {
+  std::string path;  // ./convert "<path>" is exactly 1023 characters: " pnm:-" is cut off
+  for (int i = 0; i < 4; ++i) path += std::string(200, 'd') + "/";
+  path += std::string(1011 - path.size() - 4, 'f') + ".png";
+  ASSERT_EQ(std::system(("cd " + dir.path + " && mkdir -p $(dirname " + path + ") && cp input.png " + path).c_str()), 0);
+  recording("convert", "");
+  dir.run(path + " psf.pgm out.png 2");
+  EXPECT_TRUE(logged("convert", "(" + path + "\n)+"));
+}
+
+TEST_F(Runs, WithoutConvertersWhatAUserSees) {
+  const auto [status, err] = dir.run("input.png psf.pgm out.png 2", "PATH=bin");
+  EXPECT_EQ(status, 11);
+  EXPECT_EQ(count(err, "convert: not found"), 3);  // by extension, by content, as the last resort
+  EXPECT_EQ(count(err, "gm: not found"), 3);
+  const std::string unknown = "[instance(0,0,0,0,(nil),non-shared)] CImg<float>::load() : Failed to recognize format of file 'input.png'.";
+  EXPECT_EQ(err.substr(err.find("\n[CImg]")), "\n[CImg] *** CImgIOException *** " + unknown + "\nGeneral exception: " + unknown);
+
+  const auto [save_status, save_err] = dir.run("input.ppm psf.pgm out.png 2", "PATH=bin TMP=tmp");
+  EXPECT_EQ(save_status, 11);
+  EXPECT_EQ(count(save_err, "convert: not found") + count(save_err, "gm: not found"), 2);
+  EXPECT_NE(save_err.find("CImg<float>::save_other() : Failed to save file 'out.png'. Format is not natively supported, "
+                          "and no external commands succeeded."), std::string::npos);
+  EXPECT_EQ(std::system(("test $(ls " + dir / "tmp" + " | grep -cE '^[A-Za-z0-9]{8}\\.ppm$') = 2").c_str()), 0);
+  write_file(dir / "out.png", "old");  // an existing target counts as saved
+  EXPECT_EQ(dir.run("input.ppm psf.pgm out.png 2", "PATH=bin").first, 0);
+
+  const std::string missing = "[instance(0,0,0,0,(nil),non-shared)] CImg<float>::load() : Failed to open file 'missing.png'.";
+  EXPECT_EQ(dir.run("missing.png psf.pgm out.png 2"),
+            std::pair(11, "\n[CImg] *** CImgIOException *** " + missing + "\nGeneral exception: " + missing));
+}
+
+TEST_F(Runs, APsfUrlIsFetchedAndAnInputUrlFailsItsPngTest) {
+  ASSERT_EQ(std::system(("cd " + dir.path + " && (python3 -c 'import functools as f, http.server as h, os\n"
+                         "s = h.ThreadingHTTPServer((\"127.0.0.1\", 0), f.partial(h.SimpleHTTPRequestHandler, directory=\".\"))\n"
+                         "open(\"port.new\", \"w\").write(str(s.server_address[1])); os.rename(\"port.new\", \"port\")\n"
+                         "s.serve_forever()' 2>/dev/null & echo $! > server.pid) && "
+                         "for i in $(seq 100); do [ -f port ] && break; sleep 0.05; done").c_str()), 0);
+  const std::string url = "http://127.0.0.1:" + read_file(dir / "port");
+  const auto psf_url = dir.run("input.ppm " + url + "/psf.pgm out.png 2");
+  const auto input_url = dir.run(url + "/input.ppm psf.pgm out.png 2");
+  EXPECT_EQ(std::system(("kill $(cat " + dir / "server.pid" + ")").c_str()), 0);
+  EXPECT_EQ(psf_url, std::pair(0, std::string()));
+  EXPECT_EQ(input_url.first, 11);
+  EXPECT_NE(input_url.second.find("General exception: cimg::fopen() : Failed to open file '" + url + "/input.ppm' with mode 'rb'."),
+            std::string::npos) << input_url.second;
+}
+
+// PSNR against the sharp picture over the interior (16 pixels of border left
+// out, where the taper works), at the best whole-pixel offset within s: the
+// restoration stands one pixel toward +x and +y by design.
+double psnr(const CImg<float>& a, const CImg<float>& sharp, int s) {
+  double best = 0;
+  for (int dy = -s; dy <= s; ++dy)
+    for (int dx = -s; dx <= s; ++dx)
+      best = std::max(best, a.get_crop(16 + dx, 16 + dy, a.width() - 17 + dx, a.height() - 17 + dy)
+                                .PSNR(sharp.get_crop(16, 16, a.width() - 17, a.height() - 17)));
+  return best;
+}
+
+CImg<float> gaussian(int size, float sigma) {
+  const float white = 255;
+  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
+}
+
+TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
+  CImg<float> disk(7, 7), colour_psf(7, 7, 1, 3), l_shape(5, 5, 1, 1, 0);
+  cimg_forXY(disk, x, y) disk(x, y) = std::hypot(x - 3, y - 3) <= 3 ? 255 : 0;
+  for (int c = 0; c < 3; ++c) colour_psf.get_shared_channel(c) = gaussian(7, 1.2f);
+  for (int i = 0; i < 5; ++i) l_shape(i, i) = l_shape(i, 4) = 255 - 40 * i;
+  struct {
+    const char* photo;
+    int w, h;
+    bool grey;
+    CImg<float> psf;
+    int strength, max_shift;
+    double gain_db;
+  } cases[] = {{"astronaut.png", 96, 80, false, CImg<float>(1, 1, 1, 1, 255), 10, 1, -3},  // nothing to undo
+               {"astronaut.png", 160, 128, false, gaussian(9, 1.6f), 10, 2, 1.5},  // sizes even, odd and prime
+               {"rocket.jpg", 151, 131, true, gaussian(9, 1.6f), 10, 2, 1},
+               {"astronaut.png", 127, 113, true, CImg<float>(9, 1, 1, 1, 255), 10, 2, 2},  // linear motion
+               {"rocket.jpg", 131, 109, false, disk, 10, 2, 2},
+               {"astronaut.png", 144, 144, true, CImg<float>(4, 4, 1, 1, 255), 10, 2, 2},  // an even box
+               {"astronaut.png", 150, 120, false, l_shape, 10, 3, 1.5},
+               // No regularisation, a plain inverse filter: for a PSF with |H| >= 1/9.
+               {"astronaut.png", 128, 128, true, CImg<float>(3, 3, 1, 1, 1.0, 4.0, 1.0, 4.0, 16.0, 4.0, 1.0, 4.0, 1.0), 0, 2, 0.5},
+               {"astronaut.png", 128, 128, false, gaussian(9, 1.6f), 200, 2, 0.2},
+               {"astronaut.png", 160, 160, false, colour_psf, 10, 8, 1}};  // the first plane sums to 1/3: centring overshoots
+  for (const auto& c : cases) {
+    CImg<float> sharp = load(std::string(DECONV_TESTDATA) + "/" + c.photo).crop(60, 40, 59 + c.w, 39 + c.h);
+    if (c.grey) sharp = (sharp.get_channel(0) + sharp.get_channel(1) + sharp.get_channel(2)) / 3;
+    // Blurred as a lens blurs a larger scene: the picture's edge repeats outward.
+    sharp.get_convolve(c.psf.get_channel(0) / c.psf.get_channel(0).sum(), 1).round().save_pnm((dir / "blurred.pnm").c_str());
+    c.psf.save_pnm((dir / "psf.pnm").c_str());
+    ASSERT_EQ(dir.run("blurred.pnm psf.pnm restored.pnm 2 95 " + std::to_string(c.strength)).first, 0);
+    // The 1 x 1 PSF's "blurred" copy is exact, at infinite PSNR.
+    const double before = std::min(45.0, psnr(load(dir / "blurred.pnm"), sharp, c.max_shift));
+    const double after = psnr(load(dir / "restored.pnm"), sharp, c.max_shift);
+    std::printf("%s %dx%d: blurred %.2f dB, restored %.2f dB\n", c.photo, c.w, c.h, before, after);
+    EXPECT_GT(after, before + c.gain_db) << c.photo << " " << c.w << "x" << c.h;
+  }
+  // The derivative jobs add into S in the order they finish: a float's last
+  // bit, and so a byte by one, may differ between worker counts.
+  dir.run("blurred.pnm psf.pnm first.pnm 1");
+  for (const char* workers : {"2", "3", "8"}) {
+    dir.run(std::string("blurred.pnm psf.pnm out.pnm ") + workers);
+    EXPECT_LE((load(dir / "out.pnm") - load(dir / "first.pnm")).abs().max(), 1) << workers;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,86 @@
+// Files, value ranges and the PNG test in-process, with the real converters.
+#include <random>
+
+#include "engine/deconv.h"
+#include "tests/support.h"
+#include "tool/image_io.h"
+#include "tool/value_range.h"
+
+namespace {
+
+CImg<float> load(const std::string& path) {
+  CImg<float> img;
+  load_image(img, path.c_str());
+  return img;
+}
+
+TEST(ValueRanges, ScaleNormaliseAndClampInTheirOwnPrecision) {
+  TempDir dir;
+  write_file(dir / "deep.pgm", std::string("P5\n2 1\n65535\n\xff\xff\x00\x64", 17));
+  CImg<float> image = load(dir / "deep.pgm");
+  scale_to_unit(image);  // whatever the depth, and unclamped
+  EXPECT_EQ(image, CImg<float>(2, 1, 1, 1, 257.0f, 100.0f / 255.0f));
+  std::mt19937 rng(7);
+  CImg<float> psf(31, 17, 1, 3), empty;
+  for (float& v : psf) v = std::uniform_real_distribution<float>(0, 1)(rng);
+  const CImg<float> before(psf);
+  normalize_to_unit_sum(psf);  // a double sum, one double division per pixel
+  for (size_t k = 0; k < psf.size(); ++k) ASSERT_EQ(psf[k], (float)((double)before[k] / before.sum()));
+  EXPECT_EQ(thrown<cimg_library::CImgInstanceException>([&] { normalize_to_unit_sum(empty); }),
+            "[instance(0,0,0,0,(nil),non-shared)] CImg<float>::sum() : Empty instance.");
+  CImg<float> result(5, 1, 1, 1, -0.5f, 0.5f, 1.0f, 1.5f, NAN);
+  scale_to_file_range(result);
+  EXPECT_EQ(result.get_crop(0, 3), CImg<float>(4, 1, 1, 1, 0.0f, 127.5f, 255.0f, 255.0f));
+  EXPECT_TRUE(std::isnan(result(4)));
+}
+
+TEST(ImageFiles, InputIsPngReadsTheContentNotTheName) {
+  TempDir dir;
+  write_file(dir / "png.jpg", std::string("\x89PNG\r\n\x1a\n", 8) + std::string(600, 'x'));
+  write_file(dir / "jpeg.png", std::string("\xff\xd8\xff\xe0", 4) + std::string(600, 'x'));
+  ASSERT_EQ(std::system(("convert -size 1x1 xc:red " + dir / "tiny.png").c_str()), 0);
+  EXPECT_TRUE(input_is_png((dir / "png.jpg").c_str()) && input_is_png((dir / "tiny.png").c_str()));
+  EXPECT_FALSE(input_is_png((dir / "jpeg.png").c_str()));
+  EXPECT_EQ(thrown<cimg_library::CImgIOException>([&] { input_is_png((dir / "missing").c_str()); }),
+            "cimg::fopen() : Failed to open file '" + dir / "missing" + "' with mode 'rb'.");
+}
+
+TEST(ImageFiles, EveryRouteLoadsThePicture) {
+  TempDir dir;
+  CImg<float> picture(12, 9, 1, 3);
+  cimg_forXYC(picture, x, y, c) picture(x, y, 0, c) = 10 + 9 * x + 7 * y + 30 * c;
+  picture.save_pnm((dir / "colour.ppm").c_str());
+  write_file(dir / "deep.pgm", std::string("P5\n2 1\n65535\n\x03\xe8\xff\xff", 17));
+  // {file made by ImageMagick from colour.ppm, largest difference allowed}
+  for (const auto& [made, tolerance] : {std::pair{"colour.png", 0}, {"UPPER.PNG", 0}, {"-channel R -separate grey.png", 0},
+                                        {"png:png.unknown", 0},      // recognised by its content
+                                        {"ppm:ppm.unknown", 0},      // too short to recognise: the converter reads it
+                                        {"-quality 98 jpeg.jpg", 12}, {"-quality 98 jpg:jpeg.pnm", 12}}) {  // the PNM reader fails first
+    const std::string target = std::strrchr(made, ' ') ? std::strrchr(made, ' ') + 1 : made;
+    ASSERT_EQ(std::system(("cd " + dir.path + " && convert colour.ppm " + made).c_str()), 0);
+    const std::string name = target.substr(target.find(':') + 1);
+    const CImg<float> expected = name == "grey.png" ? picture.get_channel(0) : picture;
+    EXPECT_LE((load(dir / name) - expected).abs().max(), tolerance) << name;
+  }
+  ASSERT_EQ(std::system(("convert " + dir / "deep.pgm " + dir / "deep.png").c_str()), 0);
+  EXPECT_EQ(load(dir / "deep.png"), CImg<float>(2, 1, 1, 1, 1000.0f, 65535.0f));  // 16 bits, unscaled
+  picture.save_cimg((dir / "no_extension").c_str());  // the library's own format leaves the reports on
+  EXPECT_EQ(load(dir / "no_extension"), picture);
+  ::testing::internal::CaptureStderr();
+  EXPECT_THROW(load(dir / "missing.png"), cimg_library::CImgIOException);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "\n[CImg] *** CImgIOException *** [instance(0,0,0,0,(nil),non-shared)] "
+                                                      "CImg<float>::load() : Failed to open file '" + dir / "missing.png" + "'.\n");
+}
+
+TEST(ImageFiles, SavingTruncatesAndTakesTheQualityByTheInputsType) {
+  TempDir dir;
+  save_other(CImg<float>(4, 1, 1, 1, 254.9f, 127.5f, 0.99f, 255.0f), (dir / "bytes.pgm").c_str(), 95);
+  EXPECT_EQ(load(dir / "bytes.pgm"), CImg<float>(4, 1, 1, 1, 254.0f, 127.0f, 0.0f, 255.0f));
+  save_result(CImg<float>(8, 8, 1, 1, 100.0f), (dir / "png_input.jpg").c_str(), true, 37);
+  save_result(CImg<float>(8, 8, 1, 1, 100.0f), (dir / "jpeg_input.jpg").c_str(), false, 37);
+  ASSERT_EQ(std::system(("cd " + dir.path + " && identify -format '%Q ' png_input.jpg jpeg_input.jpg > q").c_str()), 0);
+  EXPECT_EQ(read_file(dir / "q"), "100 37 ");
+  EXPECT_THROW(save_result(CImg<float>(), (dir / "e.png").c_str(), true, 90), cimg_library::CImgInstanceException);
+}
+
+}  // namespace
