@@ -4,7 +4,7 @@
 BUILD ?= build
 JOBS ?= 2
 
-.PHONY: setup build demo test bench clean
+.PHONY: setup build demo test sanitize bench clean
 
 setup:
 	@bash scripts/setup.sh
@@ -20,10 +20,16 @@ demo: build
 test: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
+# The tests again, built with UndefinedBehaviorSanitizer.
+sanitize: setup
+	@cmake -S . -B $(BUILD)-ubsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=ON >/dev/null
+	@cmake --build $(BUILD)-ubsan -j $(JOBS)
+	@cd $(BUILD)-ubsan && ctest --output-on-failure
+
 bench: setup
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-ubsan

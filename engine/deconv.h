@@ -14,6 +14,8 @@
 
 #include <semaphore.h>
 
+#include <cstdint>
+
 #include <deque>
 #include <queue>
 #include <vector>
@@ -22,8 +24,10 @@
 
 class CDeconv {
  public:
-  // Kinds of queued job, with the member each is dispatched to.
-  enum WorkTypes {
+  // Kinds of queued job, with the member each is dispatched to. Both enums
+  // have a fixed 32-bit type, so that any other value is one the dispatch can
+  // meet and refuse.
+  enum WorkTypes : int32_t {
     WORK_CHANNEL = 0,     // deconv_channel
     WORK_GRADIENT = 1,    // partial_gradient
     WORK_EDGE_TAPER = 2,  // taper_edges
@@ -32,7 +36,7 @@ class CDeconv {
 
   // Derivative kernels of the weighting spectra. Only the first three are
   // queued; the others are kept for other choices of the prior.
-  enum GradTypes {
+  enum GradTypes : int32_t {
     GRAD_IDENTITY = 0,
     GRAD_X = 1,
     GRAD_Y = 2,

@@ -1,125 +1,12 @@
-// Loading and saving through the library and the external converters. The
-// attempts inside load and save run with the library's reports silenced; only
-// the final failure is reported, with the library's own message texts.
+// The routes of a file through the library: by extension, by content, then
+// through the converters. The attempts inside load and save run with the
+// library's reports silenced; only the final failure is reported, with the
+// library's own message texts.
 #include "tool/image_io.h"
 
-#include <cstdarg>
-#include <cstdlib>
-#include <string>
-
-using cimg_library::CImgException;
-using cimg_library::CImgIOException;
-namespace cimg = cimg_library::cimg;
+#include "tool/converters.h"
 
 namespace {
-
-// Silences the library's reports for a scope, restoring the mode however the
-// scope is left.
-class QuietReports {
- public:
-  QuietReports() : saved_(cimg::exception_mode()) { cimg::exception_mode(0); }
-  ~QuietReports() { cimg::exception_mode(saved_); }
-
- private:
-  unsigned int saved_;
-};
-
-const char* find_gm() { return cimg::graphicsmagick_path(); }
-
-// One external converter and its command lines; names are quoted and not
-// escaped otherwise. The commands are cut at 1023 characters without notice.
-struct Converter {
-  const char* (*path)();
-  const char* piped_load;  // path, file
-  const char* file_load;   // path, file, temporary .pnm
-  const char* save;        // path, quality, temporary PNM, target
-  const char* load_failure;
-  const char* save_failure;
-};
-
-const Converter imagemagick = {
-    find_convert,
-    "%s \"%s\" pnm:-",
-    "%s \"%s\" \"%s\"",
-    "%s -quality %u \"%s\" \"%s\"",
-    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_imagemagick_external() : Failed to load file '%s' "
-    "with external command 'convert'.",
-    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_imagemagick_external() : Failed to save file '%s' "
-    "with external command 'convert'.",
-};
-
-const Converter graphicsmagick = {
-    find_gm,
-    "%s convert \"%s\" pnm:-",
-    "%s convert \"%s\" \"%s\"",
-    "%s convert -quality %u \"%s\" \"%s\"",
-    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_graphicsmagick_external() : Failed to load file '%s' "
-    "with external command 'gm'.",
-    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_graphicsmagick_external() : Failed to save file '%s' "
-    "with external command 'gm'.",
-};
-
-bool file_exists(const char* path) {
-  std::FILE* const file = std::fopen(path, "rb");
-  if (file) std::fclose(file);
-  return file != nullptr;
-}
-
-// A fresh name in the library's temporary folder ("TMP", "TEMP", /tmp, ...).
-std::string temporary_name(const char* extension) {
-  char name[1024];
-  do {
-    std::snprintf(name, sizeof name, "%s/%s.%s", cimg::temporary_path(), cimg::filenamerand(), extension);
-  } while (file_exists(name));
-  return name;
-}
-
-// A command line in the converters' fixed-size buffer.
-std::string command_line(const char* format, ...) {
-  char command[1024];
-  va_list args;
-  va_start(args, format);
-  std::vsnprintf(command, sizeof command, format, args);
-  va_end(args);
-  return command;
-}
-
-void load_with_converter(CImg<float>& img, const char* path, const Converter& converter) {
-  std::fclose(open_file(path, "rb"));
-  const std::string command = command_line(converter.piped_load, converter.path(), path);
-  // A missing converter does not make popen fail: the shell starts, complains
-  // on stderr, and the PNM reader finds an empty stream.
-  if (std::FILE* const pipe = popen(command.c_str(), "r")) {
-    try {
-      img.load_pnm(pipe);
-    } catch (CImgIOException&) {
-      pclose(pipe);
-      throw CImgIOException(converter.load_failure, deconv_instance(img), path);
-    }
-    pclose(pipe);
-    return;
-  }
-  const std::string pnm = temporary_name("pnm");
-  std::system(command_line(converter.file_load, converter.path(), path, pnm.c_str()).c_str());
-  try {
-    img.load_pnm(pnm.c_str());
-  } catch (CImgIOException&) {
-    std::remove(pnm.c_str());
-    throw CImgIOException(converter.load_failure, deconv_instance(img), path);
-  }
-  std::remove(pnm.c_str());
-}
-
-// The target's existence is the only test of success, so an old file of that
-// name passes. On failure the temporary PNM stays behind.
-void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality,
-                         const Converter& converter) {
-  const std::string pnm = temporary_name(img.spectrum() == 1 ? "pgm" : "ppm");
-  img.save_pnm(pnm.c_str());
-  std::system(command_line(converter.save, converter.path(), quality, pnm.c_str(), path).c_str());
-  if (!file_exists(path)) throw CImgIOException(converter.save_failure, deconv_instance(img), path);
-  std::remove(pnm.c_str());
-}
 
 bool is_one_of(const char* ext, std::initializer_list<const char*> names) {
   for (const char* name : names)
@@ -191,20 +78,6 @@ const char* detect_pnm(const char* path) {
 }
 
 }  // namespace
-
-const char* find_convert() {
-  static std::string path;
-  if (path.empty()) {
-    path = "convert";
-    for (const char* candidate : {"./convert", "./im_mac/bin/convert", "./mactools/im_mac/bin/convert"})
-      if (std::FILE* const file = std::fopen(candidate, "r")) {
-        std::fclose(file);
-        path = candidate;
-        break;
-      }
-  }
-  return path.c_str();
-}
 
 std::FILE* open_file(const char* path, const char* mode) {
   std::FILE* const file = std::fopen(path, mode);

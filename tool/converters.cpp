@@ -1,0 +1,109 @@
+// Runs of the external converters for loading and saving.
+#include "tool/converters.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <string>
+
+namespace {
+
+const char* find_gm() { return cimg::graphicsmagick_path(); }
+
+// A fresh name in the library's temporary folder ("TMP", "TEMP", /tmp, ...).
+std::string temporary_name(const char* extension) {
+  char name[1024];
+  do {
+    std::snprintf(name, sizeof name, "%s/%s.%s", cimg::temporary_path(), cimg::filenamerand(), extension);
+  } while (file_exists(name));
+  return name;
+}
+
+// A command line in the converters' fixed-size buffer.
+std::string command_line(const char* format, ...) {
+  char command[1024];
+  va_list args;
+  va_start(args, format);
+  std::vsnprintf(command, sizeof command, format, args);
+  va_end(args);
+  return command;
+}
+
+}  // namespace
+
+const Converter imagemagick = {
+    find_convert,
+    "%s \"%s\" pnm:-",
+    "%s \"%s\" \"%s\"",
+    "%s -quality %u \"%s\" \"%s\"",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_imagemagick_external() : Failed to load file '%s' "
+    "with external command 'convert'.",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_imagemagick_external() : Failed to save file '%s' "
+    "with external command 'convert'.",
+};
+
+const Converter graphicsmagick = {
+    find_gm,
+    "%s convert \"%s\" pnm:-",
+    "%s convert \"%s\" \"%s\"",
+    "%s convert -quality %u \"%s\" \"%s\"",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_graphicsmagick_external() : Failed to load file '%s' "
+    "with external command 'gm'.",
+    "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_graphicsmagick_external() : Failed to save file '%s' "
+    "with external command 'gm'.",
+};
+
+bool file_exists(const char* path) {
+  std::FILE* const file = std::fopen(path, "rb");
+  if (file) std::fclose(file);
+  return file != nullptr;
+}
+
+const char* find_convert() {
+  static std::string path;
+  if (path.empty()) {
+    path = "convert";
+    for (const char* candidate : {"./convert", "./im_mac/bin/convert", "./mactools/im_mac/bin/convert"})
+      if (std::FILE* const file = std::fopen(candidate, "r")) {
+        std::fclose(file);
+        path = candidate;
+        break;
+      }
+  }
+  return path.c_str();
+}
+
+void load_with_converter(CImg<float>& img, const char* path, const Converter& converter) {
+  std::fclose(open_file(path, "rb"));
+  const std::string command = command_line(converter.piped_load, converter.path(), path);
+  // A missing converter does not make popen fail: the shell starts, complains
+  // on stderr, and the PNM reader finds an empty stream.
+  if (std::FILE* const pipe = popen(command.c_str(), "r")) {
+    try {
+      img.load_pnm(pipe);
+    } catch (CImgIOException&) {
+      pclose(pipe);
+      throw CImgIOException(converter.load_failure, deconv_instance(img), path);
+    }
+    pclose(pipe);
+    return;
+  }
+  const std::string pnm = temporary_name("pnm");
+  std::system(command_line(converter.file_load, converter.path(), path, pnm.c_str()).c_str());
+  try {
+    img.load_pnm(pnm.c_str());
+  } catch (CImgIOException&) {
+    std::remove(pnm.c_str());
+    throw CImgIOException(converter.load_failure, deconv_instance(img), path);
+  }
+  std::remove(pnm.c_str());
+}
+
+void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality,
+                         const Converter& converter) {
+  const std::string pnm = temporary_name(img.spectrum() == 1 ? "pgm" : "ppm");
+  img.save_pnm(pnm.c_str());
+  std::system(command_line(converter.save, converter.path(), quality, pnm.c_str(), path).c_str());
+  if (!file_exists(path)) throw CImgIOException(converter.save_failure, deconv_instance(img), path);
+  std::remove(pnm.c_str());
+}
+
