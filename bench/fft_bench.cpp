@@ -3,6 +3,7 @@
 // ratio is the cost of the per-call plan and the transposing copies.
 #include <benchmark/benchmark.h>
 
+#include "bench/ratio_reporter.h"
 #include "spectral/fft.h"
 
 namespace {
@@ -36,4 +37,9 @@ BENCHMARK(BM_BareFftwExecute)->Unit(benchmark::kMillisecond)->MinTime(3);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  RatioReporter reporter("BM_BareFftwExecute");
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+}

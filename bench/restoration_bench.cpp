@@ -5,6 +5,7 @@
 #include <benchmark/benchmark.h>
 #include <semaphore.h>
 
+#include "bench/ratio_reporter.h"
 #include "engine/deconv.h"
 
 namespace {
@@ -59,6 +60,7 @@ int main(int argc, char** argv) {
   sem_unlink("WorkCompleteSemaphore");
   sem_unlink("PsfFftDoneSemaphore");
   benchmark::Initialize(&argc, argv);
-  benchmark::RunSpecifiedBenchmarks();
+  RatioReporter reporter("BM_BareTransformsOfARun");
+  benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
 }
