@@ -118,6 +118,7 @@ void load_image(CImg<float>& img, const char* path) {
     return;
   }
 
+  // Each route that fails with an I/O error falls through to the next, silently.
   bool can_open = true;
   {
     QuietReports quiet;
@@ -148,7 +149,7 @@ void load_image(CImg<float>& img, const char* path) {
 
 void load_other(CImg<float>& img, const char* path) {
   {
-    QuietReports quiet;
+    QuietReports quiet;  // any failure falls through to the next attempt
     try {
       load_with_converter(img, path, imagemagick);
       return;
