@@ -5,8 +5,7 @@
 #include "engine/deconv.h"
 
 void CDeconv::deconv_master(CImg<float>& output, CImg<float>& input) {
-  std::vector<WorkItem_t*> items;
-  std::vector<ChannelWorkData_t*> records;
+  std::vector<WorkItem_t*> items;  // the records are reached through their items
 
   pthread_mutex_lock(&queue_mutex);
   for (int c = 0; c < channels; ++c) {
@@ -14,7 +13,6 @@ void CDeconv::deconv_master(CImg<float>& output, CImg<float>& input) {
     record->channel = c;
     record->input.assign(input.get_shared_channel(c), true);
     record->output.assign(output.get_shared_channel(c), true);
-    records.push_back(record);
     queue_job(items, WORK_CHANNEL, record);
   }
   pthread_mutex_unlock(&queue_mutex);

@@ -22,9 +22,7 @@ void power_into(CImg<float>& power, const CImgList<float>& spectrum) {
 }  // namespace
 
 void CDeconv::taper_and_gradient_master(CImg<float>& image) {
-  std::vector<WorkItem_t*> items;
-  std::vector<GradientWorkData_t*> gradient_records;
-  std::vector<EdgeTaperWorkData_t*> taper_records(channels, nullptr);
+  std::vector<WorkItem_t*> items;  // the records are reached through their items
 
   pthread_mutex_lock(&queue_mutex);
   const int taper_width = FindSupport(psf);
@@ -33,16 +31,13 @@ void CDeconv::taper_and_gradient_master(CImg<float>& image) {
   queue_job(items, WORK_PSF_FFT, nullptr);
   const GradTypes types[3] = {GRAD_IDENTITY, GRAD_X, GRAD_Y};
   for (const GradTypes type : types) {
-    GradientWorkData_t* const record = new GradientWorkData_t{type};
-    gradient_records.push_back(record);
-    queue_job(items, WORK_GRADIENT, record);
+    queue_job(items, WORK_GRADIENT, new GradientWorkData_t{type});
   }
   for (int c = 0; c < channels; ++c) {
     EdgeTaperWorkData_t* const record = new EdgeTaperWorkData_t;
     record->channel = c;
     record->image.assign(image.get_shared_channel(c), true);
     record->taper_width = taper_width;
-    taper_records[c] = record;
     queue_job(items, WORK_EDGE_TAPER, record);
   }
   // Zeros for the jobs to add into, made before any job can start.
