@@ -4,12 +4,21 @@
 #include "spectral/fft.h"
 
 void place_kernel(CImg<float>& kernel, const int width, const int height) {
-  kernel.resize(width, height, 1, 1, 0, 0, 0.5f, 0.5f, 0, 0);
-  kernel.shift(kernel.width() / 2, kernel.height() / 2, 0, 0, 2);
+  // The same as resize(width, height, 1, 1, 0, 0, 0.5f, 0.5f, 0, 0) followed by
+  // shift(width / 2, height / 2, 0, 0, 2), written straight to the wrapped
+  // positions: taps land at the truncated offset 0.5f * (size difference), those
+  // that fall outside the plane are lost, and the rest roll by half the plane.
+  CImg<float> placed(width, height, 1, 1, 0.0f);
+  const int x0 = (int)(0.5f * (float)(width - kernel.width())), y0 = (int)(0.5f * (float)(height - kernel.height()));
+  for (int j = std::max(0, -y0); j < std::min(kernel.height(), height - y0); ++j)
+    for (int i = std::max(0, -x0); i < std::min(kernel.width(), width - x0); ++i)
+      placed((i + x0 + width / 2) % width, (j + y0 + height / 2) % height) = kernel(i, j);
+  kernel.swap(placed);
 }
 
-CImgList<float> forward_spectrum(const CImg<float>& image, pthread_mutex_t* const mutex) {
-  CImgList<float> spectrum(image, CImg<float>());
+CImgList<float> forward_spectrum(CImg<float> image, pthread_mutex_t* const mutex) {
+  CImgList<float> spectrum(2);
+  image.move_to(spectrum[0]);  // a view is copied here, anything else is taken over
   CImg<float>::FFT(spectrum[0], spectrum[1], false, mutex);
   return spectrum;
 }
@@ -22,21 +31,21 @@ void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<
       (cimg_uint64)kernel_re.width() * kernel_re.height() * kernel_re.depth() * kernel_re.spectrum();
   if (image_size != kernel_size || kernel_fft.size() != 2) throw 189;
 
-  result.assign(image.data(), image.width(), image.height(), image.depth(), image.spectrum());
+  // Each channel goes through its forward transform, the product with the
+  // kernel's spectrum (no conjugate) and the inverse, straight into the result.
+  result.assign(image.width(), image.height(), image.depth(), image.spectrum());
   const float* const p = kernel_fft[0].data();
   const float* const q = kernel_fft[1].data();
   for (int c = 0; c < image.spectrum(); ++c) {
-    CImgList<float> plane = forward_spectrum(image.get_shared_channel(c), mutex);
-    float* const re = plane[0].data();
-    float* const im = plane[1].data();
-    const cimg_uint64 n = plane[0].size();
-    for (cimg_uint64 i = 0; i < n; ++i) {
-      const float a = re[i], b = im[i];
-      re[i] = p[i] * a - q[i] * b;
-      im[i] = a * q[i] + p[i] * b;
-    }
-    plane.FFT(true, mutex);
-    result.get_shared_channel(c) = plane[0];
+    CImg<float> out = result.get_shared_channel(c);
+    CImg<float>::FFT_filter(
+        image.get_shared_channel(c), out,
+        [p, q](float& re, float& im, const cimg_uint64 i) {
+          const float a = re, b = im;
+          re = p[i] * a - q[i] * b;
+          im = a * q[i] + p[i] * b;
+        },
+        mutex);
   }
 }
 
@@ -44,5 +53,5 @@ void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImg<floa
                   pthread_mutex_t* const mutex) {
   CImg<float> placed(kernel);
   place_kernel(placed, image.width(), image.height());
-  fft_convolve(result, image, forward_spectrum(placed, mutex), mutex);
+  fft_convolve(result, image, forward_spectrum(std::move(placed), mutex), mutex);
 }

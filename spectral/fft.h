@@ -19,8 +19,10 @@ using cimg_library::CImgList;
 // that transforms a kernel (the PSF included) shares the offset.
 void place_kernel(CImg<float>& kernel, int width, int height);
 
-// Forward transform of a real image: returns (F real, F imag) of a copy.
-CImgList<float> forward_spectrum(const CImg<float>& image, pthread_mutex_t* mutex);
+// Forward transform of a real image: returns (F real, F imag). The image is
+// taken over when it is moved in, so that no plane is copied only to be
+// transformed. CImgList has no move operations: take the result with move_to.
+CImgList<float> forward_spectrum(CImg<float> image, pthread_mutex_t* mutex);
 
 // result = circular convolution of image with the kernel whose transform is
 // kernel_fft, channel by channel, at the image's size. Throws the int 189 if
