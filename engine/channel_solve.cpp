@@ -29,27 +29,25 @@ void CDeconv::deconv_master(CImg<float>& output, CImg<float>& input) {
 
 void CDeconv::deconv_channel(CImg<float>& input, CImg<float>& output) {
   const float lambda = (float)reg_strength / 10.0f;
-  CImgList<float> Y = forward_spectrum(input, &fft_mutex);
-
-  float* const Yr = Y[0].data();
-  float* const Yi = Y[1].data();
   const float* const Hr = psf_fft[0].data();
   const float* const Hi = psf_fft[1].data();
   const float* const S = fidelity_spectrum.data();
   const float* const N = smoothness_spectrum.data();
-  for (cimg_uint64 k = 0, n = Y[0].size(); k < n; ++k) {
-    // 1e-17f keeps d positive where H and N are both zero, so such a frequency
-    // gives 0 and not NaN. Each step is rounded to float in this association.
-    const float d = (N[k] * lambda + 1e-17f) + (Hr[k] * Hr[k] + Hi[k] * Hi[k]) * S[k];
-    const float r = 1.0f / d;
-    const float g = S[k] * r;
-    const float yr = Yr[k], yi = Yi[k];
-    Yr[k] = g * (Hr[k] * yr + Hi[k] * yi);
-    Yi[k] = g * (Hr[k] * yi - Hi[k] * yr);
-  }
-
-  Y.FFT(true, &fft_mutex);
-  // The real plane, unclamped, copied into this channel of the result; the
-  // imaginary plane is dropped unread.
-  output.assign(Y[0].data(), Y[0].width(), Y[0].height(), Y[0].depth(), Y[0].spectrum());
+  // The result's plane takes the input's shape; a view of another pixel count
+  // refuses it here. The real part of the inverse lands in it, unclamped.
+  output.assign(input.width(), input.height(), input.depth(), input.spectrum());
+  CImg<float>::FFT_filter(
+      input, output,
+      [=](float& Yr, float& Yi, const cimg_uint64 k) {
+        // 1e-17f keeps d positive where H and N are both zero, so such a
+        // frequency gives 0 and not NaN. Each step is rounded to float in this
+        // association.
+        const float d = (N[k] * lambda + 1e-17f) + (Hr[k] * Hr[k] + Hi[k] * Hi[k]) * S[k];
+        const float r = 1.0f / d;
+        const float g = S[k] * r;
+        const float yr = Yr, yi = Yi;
+        Yr = g * (Hr[k] * yr + Hi[k] * yi);
+        Yi = g * (Hr[k] * yi - Hi[k] * yr);
+      },
+      &fft_mutex);
 }

@@ -11,14 +11,6 @@ namespace {
 // Indexed by GradTypes.
 const float grad_weights[8] = {50.0f, 25.0f, 25.0f, 12.5f, 12.5f, 12.5f, 12.5f, 12.5f};
 
-// |F|^2 of a transform, element by element in float.
-void power_into(CImg<float>& power, const CImgList<float>& spectrum) {
-  const float* const re = spectrum[0].data();
-  const float* const im = spectrum[1].data();
-  float* const out = power.data();
-  for (cimg_uint64 k = 0, n = power.size(); k < n; ++k) out[k] = re[k] * re[k] + im[k] * im[k];
-}
-
 }  // namespace
 
 void CDeconv::taper_and_gradient_master(CImg<float>& image) {
@@ -52,45 +44,71 @@ void CDeconv::taper_and_gradient_master(CImg<float>& image) {
   }
 
   if (smoothness_spectrum.is_empty()) {
-    smoothness_spectrum = grad_x_power + grad_y_power;
-    grad_x_power.assign();
+    // N is summed in the plane of |Dx|^2, which is emptied as it moves.
+    (grad_x_power += grad_y_power).move_to(smoothness_spectrum);
     grad_y_power.assign();
   }
 }
 
 void CDeconv::partial_gradient(const GradTypes type) {
-  CImg<float> result(width, height, 1, 1);
-  if (type == GRAD_IDENTITY) {
-    result.fill(grad_weights[GRAD_IDENTITY]);  // the kernel 1 has power 1 everywhere
-  } else {
-    CImg<float> kernel;
-    gradient_kernel(kernel, type);
-    place_kernel(kernel, width, height);
-    CImgList<float> spectrum = forward_spectrum(kernel, &fft_mutex);
-    // Each transient has one writer and is read by the master after the batch.
-    if (type == GRAD_X) power_into(grad_x_power.assign(width, height, 1, 1), spectrum);
-    if (type == GRAD_Y) power_into(grad_y_power.assign(width, height, 1, 1), spectrum);
-    spectrum[0].pow(2.0);
-    spectrum[1].pow(2.0);
-    result = (spectrum[0] + spectrum[1]) * grad_weights[type];
+  if (type == GRAD_IDENTITY) {  // the kernel 1 has power 1 everywhere: S gains its weight
+    pthread_mutex_lock(&accum_mutex);
+    fidelity_spectrum += grad_weights[GRAD_IDENTITY];
+    pthread_mutex_unlock(&accum_mutex);
+    return;
   }
+  CImg<float> kernel;
+  gradient_kernel(kernel, type);
+  place_kernel(kernel, width, height);
+  // Each transient has one writer and is read by the master after the batch.
+  float* const power = type == GRAD_X   ? grad_x_power.assign(width, height, 1, 1).data()
+                       : type == GRAD_Y ? grad_y_power.assign(width, height, 1, 1).data()
+                                        : nullptr;
+  // One pass over the kernel's spectrum: its power re^2 + im^2, and that power
+  // times the weight, the job's share of S, into the kernel's own plane, which
+  // the transform has already read.
+  float* const share = kernel.data();
+  const float weight = grad_weights[type];
+  CImg<float>::FFT_visit(
+      kernel,
+      [=](const float re, const float im, const cimg_uint64 k) {
+        const float p = re * re + im * im;
+        if (power) power[k] = p;
+        share[k] = p * weight;
+      },
+      &fft_mutex);
   pthread_mutex_lock(&accum_mutex);
-  fidelity_spectrum += result;
+  fidelity_spectrum += kernel;
   pthread_mutex_unlock(&accum_mutex);
 }
 
 void CDeconv::gradient_kernel(CImg<float>& kernel, const GradTypes type) {
   switch ((unsigned int)type) {
-    case GRAD_IDENTITY: kernel.assign(1, 1, 1, 1, 1.0f); break;
-    case GRAD_X: kernel.assign(2, 1, 1, 1, 1.0f, -1.0f); break;
-    case GRAD_Y: kernel.assign(1, 2, 1, 1, 1.0f, -1.0f); break;
-    case GRAD_XX: kernel.assign(3, 1, 1, 1, -1.0f, 2.0f, -1.0f); break;
-    case GRAD_YY: kernel.assign(1, 3, 1, 1, -1.0f, 2.0f, -1.0f); break;
-    case GRAD_XY: kernel.assign(2, 2, 1, 1, 1.0f, -1.0f, -1.0f, 1.0f); break;
-    case GRAD_X_PLUS_Y: kernel.assign(2, 2, 1, 1, 0.0f, -1.0f, -1.0f, 2.0f); break;
+    case GRAD_IDENTITY:
+      kernel.assign(1, 1, 1, 1, 1.0f);
+      break;
+    case GRAD_X:
+      kernel.assign(2, 1, 1, 1, 1.0f, -1.0f);
+      break;
+    case GRAD_Y:
+      kernel.assign(1, 2, 1, 1, 1.0f, -1.0f);
+      break;
+    case GRAD_XX:
+      kernel.assign(3, 1, 1, 1, -1.0f, 2.0f, -1.0f);
+      break;
+    case GRAD_YY:
+      kernel.assign(1, 3, 1, 1, -1.0f, 2.0f, -1.0f);
+      break;
+    case GRAD_XY:
+      kernel.assign(2, 2, 1, 1, 1.0f, -1.0f, -1.0f, 1.0f);
+      break;
+    case GRAD_X_PLUS_Y:
+      kernel.assign(2, 2, 1, 1, 0.0f, -1.0f, -1.0f, 2.0f);
+      break;
     case GRAD_LAPLACIAN:
       kernel.assign(3, 3, 1, 1, 0.0f, -1.0f, 0.0f, -1.0f, 4.0f, -1.0f, 0.0f, -1.0f, 0.0f);
       break;
-    default: throw 187;  // negative values too: the comparison is unsigned
+    default:
+      throw 187;  // negative values too: the comparison is unsigned
   }
 }

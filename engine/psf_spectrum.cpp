@@ -14,6 +14,6 @@ void CDeconv::calculate_fft_of_psf() {
   // Renormalised in case the picture was smaller than the PSF and cut some off.
   normalize_to_unit_sum(psf_padded);
 
-  psf_fft = forward_spectrum(psf_padded, &fft_mutex);
+  forward_spectrum(std::move(psf_padded), &fft_mutex).move_to(psf_fft);
   sem_post(psf_fft_done);
 }

@@ -146,7 +146,7 @@ TEST_F(Engine, TheSolveDividesByTheConjugateWithRegularisation) {
   CImg<float> input(8, 6), output(8, 6), impulse = taps(8, 6, {{1, 0, 1}});  // H moves by +1 in x
   cimg_forXY(input, x, y) input(x, y) = 0.1f * x + 0.01f * y;
   picture(8, 6);
-  engine->psf_fft = forward_spectrum(impulse, nullptr);
+  forward_spectrum(impulse, nullptr).move_to(engine->psf_fft);
   engine->fidelity_spectrum.assign(8, 6, 1, 1, 50);
   engine->smoothness_spectrum.assign(8, 6, 1, 1, 8);
   for (const int strength : {0, 25}) {  // lambda 2.5: X = 50 conj(H) Y / (50 + 2.5 * 8)
