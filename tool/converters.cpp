@@ -4,6 +4,9 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <string>
+#include <vector>
+
+#include "tool/value_range.h"
 
 namespace {
 
@@ -98,12 +101,28 @@ void load_with_converter(CImg<float>& img, const char* path, const Converter& co
   std::remove(pnm.c_str());
 }
 
-void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality,
-                         const Converter& converter) {
+void write_pnm(const CImg<float>& result, const char* path) {
+  std::FILE* const file = open_file(path, "wb");
+  const unsigned int channels = result.spectrum() == 1 ? 1 : 3, W = result.width(), H = result.height();
+  std::fprintf(file, "P%c\n%u %u\n%u\n", channels == 1 ? '5' : '6', W, H, 255);
+  const float* planes[3] = {result.data(0, 0, 0, 0), nullptr, nullptr};
+  for (unsigned int c = 1; c < channels; ++c)
+    planes[c] = (int)c < result.spectrum() ? result.data(0, 0, 0, c) : nullptr;
+  std::vector<unsigned char> row(channels * W);
+  for (unsigned int y = 0; y < H; ++y) {
+    for (unsigned int c = 0; c < channels; ++c) {
+      const float* const from = planes[c] ? planes[c] + (size_t)y * W : nullptr;
+      for (unsigned int x = 0; x < W; ++x) row[x * channels + c] = from ? to_file_byte(from[x]) : 0;
+    }
+    std::fwrite(row.data(), 1, row.size(), file);
+  }
+  std::fclose(file);
+}
+
+void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality, const Converter& converter) {
   const std::string pnm = temporary_name(img.spectrum() == 1 ? "pgm" : "ppm");
-  img.save_pnm(pnm.c_str());
+  write_pnm(img, pnm.c_str());
   std::system(command_line(converter.save, converter.path(), quality, pnm.c_str(), path).c_str());
   if (!file_exists(path)) throw CImgIOException(converter.save_failure, deconv_instance(img), path);
   std::remove(pnm.c_str());
 }
-

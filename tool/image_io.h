@@ -32,8 +32,9 @@ void load_image(CImg<float>& img, const char* path);
 // The converters, then the library's own format, for what nothing else reads.
 void load_other(CImg<float>& img, const char* path);
 
-// Saves the 0..255 result through a converter, which picks the format by the
-// target's name. A PNG input is saved at quality 100, any other at `quality`.
+// Saves the 0..1 result through a converter, which picks the format by the
+// target's name; the temporary PNM holds it clamped and scaled to bytes. A PNG
+// input is saved at quality 100, any other at `quality`.
 void save_result(const CImg<float>& img, const char* path, bool is_png, unsigned int quality);
 
 void save_other(const CImg<float>& img, const char* path, unsigned int quality);

@@ -41,7 +41,6 @@ int main(int argc, char** argv) {
     engine->deconv_nonblind(output, image, psf);
     delete engine;
 
-    scale_to_file_range(output);
     save_result(output, argv[3], is_png, quality);
     return 0;
   } catch (cimg_library::CImgInstanceException& e) {
