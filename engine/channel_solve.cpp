@@ -38,16 +38,19 @@ void CDeconv::deconv_channel(CImg<float>& input, CImg<float>& output) {
   output.assign(input.width(), input.height(), input.depth(), input.spectrum());
   CImg<float>::FFT_filter(
       input, output,
-      [=](float& Yr, float& Yi, const cimg_uint64 k) {
+      [=](auto& Yr, auto& Yi, const cimg_uint64 k) {
+        using V = std::decay_t<decltype(Yr)>;
+        using fft_copies::at;
+        const V hr = at<V>(Hr + k), hi = at<V>(Hi + k), s = at<V>(S + k), n = at<V>(N + k);
         // 1e-17f keeps d positive where H and N are both zero, so such a
         // frequency gives 0 and not NaN. Each step is rounded to float in this
         // association.
-        const float d = (N[k] * lambda + 1e-17f) + (Hr[k] * Hr[k] + Hi[k] * Hi[k]) * S[k];
-        const float r = 1.0f / d;
-        const float g = S[k] * r;
-        const float yr = Yr, yi = Yi;
-        Yr = g * (Hr[k] * yr + Hi[k] * yi);
-        Yi = g * (Hr[k] * yi - Hi[k] * yr);
+        const V d = (n * V(lambda) + V(1e-17f)) + (hr * hr + hi * hi) * s;
+        const V r = V(1.0f) / d;
+        const V g = s * r;
+        const V yr = Yr, yi = Yi;
+        Yr = g * (hr * yr + hi * yi);
+        Yi = g * (hr * yi - hi * yr);
       },
       &fft_mutex);
 }

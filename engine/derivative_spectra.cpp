@@ -71,10 +71,11 @@ void CDeconv::partial_gradient(const GradTypes type) {
   const float weight = grad_weights[type];
   CImg<float>::FFT_visit(
       kernel,
-      [=](const float re, const float im, const cimg_uint64 k) {
-        const float p = re * re + im * im;
-        if (power) power[k] = p;
-        share[k] = p * weight;
+      [=](auto& re, auto& im, const cimg_uint64 k) {
+        using V = std::decay_t<decltype(re)>;
+        const V p = re * re + im * im;
+        if (power) fft_copies::put(power + k, p);
+        fft_copies::put(share + k, p * V(weight));
       },
       &fft_mutex);
   pthread_mutex_lock(&accum_mutex);

@@ -40,10 +40,11 @@ void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<
     CImg<float> out = result.get_shared_channel(c);
     CImg<float>::FFT_filter(
         image.get_shared_channel(c), out,
-        [p, q](float& re, float& im, const cimg_uint64 i) {
-          const float a = re, b = im;
-          re = p[i] * a - q[i] * b;
-          im = a * q[i] + p[i] * b;
+        [p, q](auto& re, auto& im, const cimg_uint64 i) {
+          using V = std::decay_t<decltype(re)>;
+          const V a = re, b = im, pi = fft_copies::at<V>(p + i), qi = fft_copies::at<V>(q + i);
+          re = pi * a - qi * b;
+          im = a * qi + pi * b;
         },
         mutex);
   }

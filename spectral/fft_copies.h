@@ -92,18 +92,79 @@ inline void copy_out(const fftwf_complex* const buffer, float* const re, float* 
       });
 }
 
+// Four frequencies side by side along x. An operation on the spectrum is
+// written once, generically, and runs on Lanes where whole tiles allow and on
+// plain floats elsewhere: SSE's arithmetic is IEEE single precision lane by
+// lane, so both give the same bits.
+struct Lanes {
+  __m128 v;
+  Lanes(const float s) : v(_mm_set1_ps(s)) {}
+  explicit Lanes(const __m128 x) : v(x) {}
+};
+inline Lanes operator+(const Lanes a, const Lanes b) { return Lanes(_mm_add_ps(a.v, b.v)); }
+inline Lanes operator-(const Lanes a, const Lanes b) { return Lanes(_mm_sub_ps(a.v, b.v)); }
+inline Lanes operator*(const Lanes a, const Lanes b) { return Lanes(_mm_mul_ps(a.v, b.v)); }
+inline Lanes operator/(const Lanes a, const Lanes b) { return Lanes(_mm_div_ps(a.v, b.v)); }
+
+// The value (or the four values) of a plane at p, and a store there.
+template <class V>
+V at(const float* p);
+template <>
+inline float at<float>(const float* const p) {
+  return *p;
+}
+template <>
+inline Lanes at<Lanes>(const float* const p) {
+  return Lanes(_mm_loadu_ps(p));
+}
+inline void put(float* const p, const float v) { *p = v; }
+inline void put(float* const p, const Lanes v) { _mm_storeu_ps(p, v.v); }
+
 // Calls f(re, im, k) for every entry of a W x H x D buffer, with k the offset
-// of the same frequency in an image of that size; re and im may be changed.
-// Blocks of 64 columns keep the image-side reads in cache, as the copies do.
+// of the same frequency in an image of that size, where the other spectra keep
+// it; re and im may be changed. On a plane, f gets Lanes for the four
+// frequencies k..k+3 of a row inside each 4 x 4 tile, and floats elsewhere.
 template <class F>
 inline void for_each_frequency(fftwf_complex* const buffer, const unsigned W, const unsigned H, const unsigned D, F f) {
-  for (unsigned x0 = 0; x0 < W; x0 += 64)
-    for (unsigned z = 0; z < D; ++z)
+  if (D != 1) {
+    for (unsigned x = 0; x < W; ++x)
       for (unsigned y = 0; y < H; ++y)
-        for (unsigned x = x0; x < std::min(W, x0 + 64); ++x) {
+        for (unsigned z = 0; z < D; ++z) {
           fftwf_complex& e = buffer[((size_t)x * H + y) * D + z];
           f(e[0], e[1], ((size_t)z * H + y) * W + x);
         }
+    return;
+  }
+  float* const data = reinterpret_cast<float*>(buffer);
+  walk(
+      W, H,
+      [&](unsigned x, unsigned y) {
+        __m128 r[4], i[4];
+        for (unsigned k = 0; k < 4; ++k) {  // column x + k, rows y..y+3
+          const float* const s = data + 2 * ((size_t)(x + k) * H + y);
+          const __m128 a = _mm_loadu_ps(s), b = _mm_loadu_ps(s + 4);
+          r[k] = _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0));
+          i[k] = _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1));
+        }
+        _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);  // now row y + j, columns x..x+3
+        _MM_TRANSPOSE4_PS(i[0], i[1], i[2], i[3]);
+        for (unsigned j = 0; j < 4; ++j) {
+          Lanes re(r[j]), im(i[j]);
+          f(re, im, (size_t)(y + j) * W + x);
+          r[j] = re.v, i[j] = im.v;
+        }
+        _MM_TRANSPOSE4_PS(r[0], r[1], r[2], r[3]);
+        _MM_TRANSPOSE4_PS(i[0], i[1], i[2], i[3]);
+        for (unsigned k = 0; k < 4; ++k) {
+          float* const o = data + 2 * ((size_t)(x + k) * H + y);
+          _mm_storeu_ps(o, _mm_unpacklo_ps(r[k], i[k]));
+          _mm_storeu_ps(o + 4, _mm_unpackhi_ps(r[k], i[k]));
+        }
+      },
+      [&](unsigned x, unsigned y) {
+        fftwf_complex& e = buffer[(size_t)x * H + y];
+        f(e[0], e[1], (size_t)y * W + x);
+      });
 }
 
 }  // namespace fft_copies

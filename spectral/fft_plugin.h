@@ -123,8 +123,10 @@ static void FFT(CImg<T>& real, CImg<T>& imag, const bool invert, pthread_mutex_t
 
 // Forward transform of the real one-channel image `in`, then visit(re, im, k)
 // for every frequency, with k its offset in an image of `in`'s size (where
-// psf_fft and the spectra keep the same frequency). The visit may change re and
-// im; the spectrum stays in the calling thread's buffer.
+// psf_fft and the spectra keep the same frequency). The visit is generic: it
+// gets floats, or fft_copies::Lanes for the four frequencies k..k+3, and reads
+// planes with fft_copies::at. It may change re and im; the spectrum stays in
+// the calling thread's buffer.
 template <class F>
 static void FFT_visit(const CImg<T>& in, F visit, pthread_mutex_t* const mutex) {
   _fft_require_data(in);
