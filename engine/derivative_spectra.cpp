@@ -57,29 +57,27 @@ void CDeconv::partial_gradient(const GradTypes type) {
     pthread_mutex_unlock(&accum_mutex);
     return;
   }
-  CImg<float> kernel;
-  gradient_kernel(kernel, type);
-  place_kernel(kernel, width, height);
-  // Each transient has one writer and is read by the master after the batch.
-  float* const power = type == GRAD_X   ? grad_x_power.assign(width, height, 1, 1).data()
-                       : type == GRAD_Y ? grad_y_power.assign(width, height, 1, 1).data()
-                                        : nullptr;
-  // One pass over the kernel's spectrum: its power re^2 + im^2, and that power
-  // times the weight, the job's share of S, into the kernel's own plane, which
-  // the transform has already read.
-  float* const share = kernel.data();
-  const float weight = grad_weights[type];
+  // The kernel is placed in the plane that will hold its power: |Dx|^2 and
+  // |Dy|^2 are kept for N (each has one writer, read by the master after the
+  // batch), other kernels' power only serves S. The transform reads the whole
+  // plane before the visit overwrites it with re^2 + im^2.
+  CImg<float> own;
+  CImg<float>& power = type == GRAD_X ? grad_x_power : type == GRAD_Y ? grad_y_power : own;
+  gradient_kernel(power, type);
+  place_kernel(power, width, height);
+  float* const p = power.data();
   CImg<float>::FFT_visit(
-      kernel,
-      [=](auto& re, auto& im, const cimg_uint64 k) {
+      power,
+      [p](auto& re, auto& im, const cimg_uint64 k) {
         using V = std::decay_t<decltype(re)>;
-        const V p = re * re + im * im;
-        if (power) fft_copies::put(power + k, p);
-        fft_copies::put(share + k, p * V(weight));
+        fft_copies::put(p + k, V(re * re + im * im));
       },
       &fft_mutex);
+  // The job's share of S, its power times its weight, added in one pass.
+  const float weight = grad_weights[type];
+  float* const S = fidelity_spectrum.data();
   pthread_mutex_lock(&accum_mutex);
-  fidelity_spectrum += kernel;
+  for (cimg_uint64 k = 0, n = power.size(); k < n; ++k) S[k] += p[k] * weight;
   pthread_mutex_unlock(&accum_mutex);
 }
 
