@@ -2,14 +2,27 @@
 // moment to the centre pixel and normalises it (for deconv_nonblind), and
 // FindSupport gives the odd width of the box it really fills, which becomes the
 // edge taper's band (for taper_and_gradient_master).
+#include <climits>
 #include <cmath>
 
 #include "engine/deconv.h"
 
+namespace {
+
+// A centroid rounded to its pixel, a half going up. One that is not finite
+// (a PSF that sums to 0, or holds NaN or infinity) or beyond an int has no
+// pixel: it gives INT_MIN, as the processor's own conversion would.
+long long pixel_of(const float centroid) {
+  const float rounded = floorf(centroid + 0.5f);
+  return std::isfinite(rounded) && rounded >= (float)INT_MIN && rounded < -(float)INT_MIN ? (long long)rounded
+                                                                                          : INT_MIN;
+}
+
+}  // namespace
+
 void CDeconv::RecenterPsf(CImg<float>& psf) {
   const int w = psf.width(), h = psf.height();
-  if (w != h || w % 2 != 1)
-    throw cimg_library::CImgArgumentException("PSF must be square with odd dimensions");
+  if (w != h || w % 2 != 1) throw cimg_library::CImgArgumentException("PSF must be square with odd dimensions");
 
   // Position sums counted from 1 and not divided by the PSF's sum: the PSF is
   // taken to sum to 1 already, so they stand for the centroid. A plane that
@@ -21,10 +34,15 @@ void CDeconv::RecenterPsf(CImg<float>& psf) {
       cx += (x + 1) * p;
       cy += (y + 1) * p;
     }
-  // The centroid rounded to a pixel, a half going up, against the centre pixel.
-  const int dx = (int)ceilf(w * 0.5f) - (int)floorf(cx + 0.5f);
-  const int dy = (int)ceilf(h * 0.5f) - (int)floorf(cy + 0.5f);
-  psf.shift(dx, dy, 0, 0, 0);  // zeros come in, nothing wraps
+  // The centroid's pixel against the centre pixel. A centroid with no pixel
+  // asks for a shift past the canvas, which leaves only zeros: the sum below
+  // is then 0 and the PSF NaN, which restores to a black picture.
+  const long long dx = (long long)ceilf(w * 0.5f) - pixel_of(cx);
+  const long long dy = (long long)ceilf(h * 0.5f) - pixel_of(cy);
+  if (std::llabs(dx) >= w || std::llabs(dy) >= h)
+    psf.fill(0.0f);
+  else
+    psf.shift((int)dx, (int)dy, 0, 0, 0);  // zeros come in, nothing wraps
   normalize_to_unit_sum(psf);
 }
 

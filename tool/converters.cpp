@@ -12,11 +12,12 @@ namespace {
 
 const char* find_gm() { return cimg::graphicsmagick_path(); }
 
-// A fresh name in the library's temporary folder ("TMP", "TEMP", /tmp, ...).
+// A fresh name in the temporary folder, with the extension if it has one.
 std::string temporary_name(const char* extension) {
   char name[1024];
   do {
-    std::snprintf(name, sizeof name, "%s/%s.%s", cimg::temporary_path(), cimg::filenamerand(), extension);
+    std::snprintf(name, sizeof name, "%s/%s%s%s", temporary_folder(), cimg::filenamerand(), *extension ? "." : "",
+                  extension);
   } while (file_exists(name));
   return name;
 }
@@ -61,6 +62,31 @@ bool file_exists(const char* path) {
   return file != nullptr;
 }
 
+const char* temporary_folder() {
+  const char* const folder = cimg::temporary_path();
+  return *folder ? folder : cimg::temporary_path(".");
+}
+
+void load_gzipped(CImg<float>& img, const char* path) {
+  std::fclose(open_file(path, "rb"));
+  char body[1024];
+  cimg::split_filename(path, body);
+  const std::string unpacked = temporary_name(cimg::split_filename(body));
+  std::system(command_line("%s -c \"%s\" > \"%s\"", cimg::gunzip_path(), path, unpacked.c_str()).c_str());
+  if (!file_exists(unpacked.c_str()))
+    throw CImgIOException(
+        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_gzip_external() : Failed to load file '%s' with external "
+        "command 'gunzip'.",
+        deconv_instance(img), path);
+  try {
+    load_image(img, unpacked.c_str());
+  } catch (...) {
+    std::remove(unpacked.c_str());
+    throw;
+  }
+  std::remove(unpacked.c_str());
+}
+
 const char* find_convert() {
   static std::string path;
   if (path.empty()) {
@@ -83,7 +109,7 @@ void load_with_converter(CImg<float>& img, const char* path, const Converter& co
   if (std::FILE* const pipe = popen(command.c_str(), "r")) {
     try {
       img.load_pnm(pipe);
-    } catch (CImgIOException&) {
+    } catch (...) {  // whatever the reader throws: an empty stream, an impossible size
       pclose(pipe);
       throw CImgIOException(converter.load_failure, deconv_instance(img), path);
     }
@@ -94,7 +120,7 @@ void load_with_converter(CImg<float>& img, const char* path, const Converter& co
   std::system(command_line(converter.file_load, converter.path(), path, pnm.c_str()).c_str());
   try {
     img.load_pnm(pnm.c_str());
-  } catch (CImgIOException&) {
+  } catch (...) {
     std::remove(pnm.c_str());
     throw CImgIOException(converter.load_failure, deconv_instance(img), path);
   }

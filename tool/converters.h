@@ -37,6 +37,16 @@ extern const Converter graphicsmagick;
 
 bool file_exists(const char* path);
 
+// The library's temporary folder: "TMP", else "TEMP", then /tmp and /var/tmp,
+// the first where a file can be made, and else the working directory, named
+// "." (the library names it "", which would put files at the root).
+const char* temporary_folder();
+
+// A gzipped file: gunzip's output goes to a temporary file that keeps the
+// inner extension ("x.pgm.gz" gives a .pgm), which is loaded by its own route
+// and removed.
+void load_gzipped(CImg<float>& img, const char* path);
+
 // Loads through the converter's pipe; only if no shell can be started,
 // through a temporary file.
 void load_with_converter(CImg<float>& img, const char* path, const Converter& converter);

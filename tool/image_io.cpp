@@ -4,6 +4,8 @@
 // library's own message texts.
 #include "tool/image_io.h"
 
+#include <cstring>
+
 #include "tool/converters.h"
 
 namespace {
@@ -16,59 +18,56 @@ bool is_one_of(const char* ext, std::initializer_list<const char*> names) {
 
 // The reader chosen by the extension; false when the extension names none.
 bool load_by_extension(CImg<float>& img, const char* path, const char* ext) {
-  if (!*ext || !cimg::strcasecmp(ext, "cimg")) img.load_cimg(path);
-  else if (is_one_of(ext, {"ppm", "pgm", "pnm", "pbm", "pnk"})) img.load_pnm(path);
-  else if (!cimg::strcasecmp(ext, "pfm")) img.load_pfm(path);
-  else if (!cimg::strcasecmp(ext, "bmp")) img.load_bmp(path);
-  else if (!cimg::strcasecmp(ext, "asc")) img.load_ascii(path);
-  else if (is_one_of(ext, {"dlm", "txt"})) img.load_dlm(path);
-  else if (is_one_of(ext, {"hdr", "nii"})) img.load_analyze(path);
-  else if (is_one_of(ext, {"par", "rec"})) img.load_parrec(path);
-  else if (!cimg::strcasecmp(ext, "inr")) img.load_inr(path);
-  else if (!cimg::strcasecmp(ext, "pan")) img.load_pandore(path);
+  if (!*ext || !cimg::strcasecmp(ext, "cimg"))
+    img.load_cimg(path);
+  else if (is_one_of(ext, {"ppm", "pgm", "pnm", "pbm", "pnk"}))
+    img.load_pnm(path);
+  else if (!cimg::strcasecmp(ext, "pfm"))
+    img.load_pfm(path);
+  else if (!cimg::strcasecmp(ext, "bmp"))
+    img.load_bmp(path);
+  else if (!cimg::strcasecmp(ext, "asc"))
+    img.load_ascii(path);
+  else if (is_one_of(ext, {"dlm", "txt"}))
+    img.load_dlm(path);
+  else if (is_one_of(ext, {"hdr", "nii"}))
+    img.load_analyze(path);
+  else if (is_one_of(ext, {"par", "rec"}))
+    img.load_parrec(path);
+  else if (!cimg::strcasecmp(ext, "inr"))
+    img.load_inr(path);
+  else if (!cimg::strcasecmp(ext, "pan"))
+    img.load_pandore(path);
   else if (is_one_of(ext, {"jpg", "jpeg", "jpe", "jfif", "jif", "png", "tif", "tiff", "exr", "mnc"}))
     load_other(img, path);
   else if (is_one_of(ext, {"arw", "cr2", "crw", "dcr", "dng", "mrw", "nef", "orf", "pix", "ptx", "raf", "srf"}))
     img.load_dcraw_external(path);
-  else if (is_one_of(ext, {"dcm", "dicom"})) img.load_medcon_external(path);
-  else if (!cimg::strcasecmp(ext, "gz")) img.load_gzip_external(path);
-  else if (is_one_of(ext, {"avi", "mov", "asf", "divx", "flv", "mpg", "m1v", "m2v", "m4v", "mjp", "mp4", "mkv",
-                           "mpe", "movie", "ogm", "ogg", "ogv", "qt", "rm", "vob", "webm", "wmv", "xvid",
-                           "mpeg"}))
+  else if (is_one_of(ext, {"dcm", "dicom"}))
+    img.load_medcon_external(path);
+  else if (!cimg::strcasecmp(ext, "gz"))
+    load_gzipped(img, path);
+  else if (is_one_of(ext, {"avi", "mov",   "asf", "divx", "flv", "mpg", "m1v", "m2v", "m4v",  "mjp", "mp4",  "mkv",
+                           "mpe", "movie", "ogm", "ogg",  "ogv", "qt",  "rm",  "vob", "webm", "wmv", "xvid", "mpeg"}))
     img.load_video(path);
-  else return false;
+  else
+    return false;
   return true;
 }
 
-// The reader of a type found by content; false when there is none.
-bool load_by_type(CImg<float>& img, const char* path, const char* type) {
-  if (!type) return false;
-  if (!cimg::strcasecmp(type, "pnm")) img.load_pnm(path);
-  else if (!cimg::strcasecmp(type, "pfm")) img.load_pfm(path);
-  else if (!cimg::strcasecmp(type, "bmp")) img.load_bmp(path);
-  else if (!cimg::strcasecmp(type, "inr")) img.load_inr(path);
-  else if (!cimg::strcasecmp(type, "pan")) img.load_pandore(path);
-  else if (!cimg::strcasecmp(type, "dcm")) img.load_medcon_external(path);
-  else if (is_one_of(type, {"jpg", "png", "tif", "gif"})) load_other(img, path);
-  else return false;
-  return true;
+bool starts_with(const unsigned char* bytes, size_t size, const char* text, size_t at = 0) {
+  const size_t n = std::strlen(text);
+  return size >= at + n && !std::memcmp(bytes + at, text, n);
 }
 
 // A PNM or PFM header line ("P1".."P9", "Pf", "PF") as the first line that is
-// not a comment, in a file of at least 2048 bytes.
-const char* detect_pnm(const char* path) {
-  std::FILE* const file = std::fopen(path, "rb");
-  if (!file) return nullptr;
-  char header[2048];
-  const size_t size = std::fread(header, 1, sizeof header, file);
-  std::fclose(file);
-  if (size < sizeof header) return nullptr;
+// neither a comment nor blank, as the PNM reader skips both.
+const char* pnm_header(const unsigned char* bytes, const size_t size) {
   for (size_t line = 0; line < size;) {
     size_t end = line;
-    while (end < size && header[end] != '\n') ++end;
-    if (header[line] != '#') {
-      if (end - line != 2 || header[line] != 'P') return nullptr;
-      const char c = header[line + 1];
+    while (end < size && bytes[end] != '\n') ++end;
+    if (end > line && bytes[line] != '#') {
+      if (end - line != 2 || bytes[line] != 'P') return nullptr;
+      const char c = bytes[line + 1];
       if (c == 'f' || c == 'F') return "pfm";
       return c >= '1' && c <= '9' ? "pnm" : nullptr;
     }
@@ -86,16 +85,22 @@ std::FILE* open_file(const char* path, const char* mode) {
 }
 
 const char* detect_type(const char* path) {
-  const char* type = nullptr;
-  {
-    QuietReports quiet;
-    try {
-      type = cimg::ftype(nullptr, path);
-    } catch (CImgException&) {
-      type = nullptr;
-    }
-  }
-  return type ? type : detect_pnm(path);
+  unsigned char bytes[2048];
+  std::FILE* const file = std::fopen(path, "rb");
+  if (!file) return nullptr;
+  const size_t size = std::fread(bytes, 1, sizeof bytes, file);
+  std::fclose(file);
+  static const unsigned char jpeg[] = {0xFF, 0xD8, 0xFF}, png[] = {0x89, 'P', 'N', 'G', 0x0D, 0x0A, 0x1A, 0x0A};
+  if (starts_with(bytes, size, "OFF\n")) return "off";
+  if (starts_with(bytes, size, "#INRIMAGE")) return "inr";
+  if (starts_with(bytes, size, "PANDORE")) return "pan";
+  if (starts_with(bytes, size, "DICM", 128)) return "dcm";
+  if (size >= 3 && !std::memcmp(bytes, jpeg, 3)) return "jpg";
+  if (starts_with(bytes, size, "BM")) return "bmp";
+  if (starts_with(bytes, size, "GIF87a") || starts_with(bytes, size, "GIF89a")) return "gif";
+  if (size >= 8 && !std::memcmp(bytes, png, 8)) return "png";
+  if (starts_with(bytes, size, "II") || starts_with(bytes, size, "MM")) return "tif";
+  return size == sizeof bytes ? pnm_header(bytes, size) : nullptr;
 }
 
 bool input_is_png(const char* path) {
@@ -107,6 +112,7 @@ bool input_is_png(const char* path) {
 void load_image(CImg<float>& img, const char* path) {
   if (!cimg::strncasecmp(path, "http://", 7) || !cimg::strncasecmp(path, "https://", 8)) {
     char local[256];
+    temporary_folder();  // the library's own temporary names use it too
     cimg::load_network(path, local);
     try {
       load_image(img, local);
@@ -129,7 +135,10 @@ void load_image(CImg<float>& img, const char* path) {
     can_open = file_exists(path);
     if (can_open) {
       try {
-        if (load_by_type(img, path, detect_type(path))) return;
+        // The reader of the detected type is the one its name has as an
+        // extension; a type that names none ("gif", "off") has no reader.
+        const char* const type = detect_type(path);
+        if (type && load_by_extension(img, path, type)) return;
       } catch (CImgIOException&) {
       }
       try {
@@ -167,9 +176,8 @@ void load_other(CImg<float>& img, const char* path) {
     }
   }
   if (!file_exists(path))
-    throw CImgIOException(
-        "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_other() : Failed to open file '%s'.",
-        deconv_instance(img), path);
+    throw CImgIOException("[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_other() : Failed to open file '%s'.",
+                          deconv_instance(img), path);
   throw CImgIOException(
       "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_other() : Failed to recognize format of file '%s'.",
       deconv_instance(img), path);

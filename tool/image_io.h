@@ -19,7 +19,10 @@ const char* find_convert();
 // fopen, or a CImgIOException "cimg::fopen() : Failed to open file ...".
 std::FILE* open_file(const char* path, const char* mode);
 
-// The type of a file by its first bytes ("png", "jpg", "pnm", ...), or null.
+// The type of a file by its first 2048 bytes, or null: "off", "inr", "pan",
+// "dcm" (DICM at byte 128), "jpg", "bmp", "gif", "png", "tif" (for the two
+// letters II or MM), then, in a file of at least 2048 bytes, "pnm" or "pfm" for
+// a PNM or PFM header as the first line that is neither blank nor a comment.
 const char* detect_type(const char* path);
 
 // True when the file's content is PNG. A missing file throws.
