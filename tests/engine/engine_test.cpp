@@ -49,6 +49,13 @@ TEST_F(Engine, ThePsfIsCentredByItsRoundedCentroidOnACanvasTwiceItsWidthPlusOne)
     engine->RecenterPsf(psf);
     EXPECT_EQ(psf, expected);
   }
+  // A PSF with no finite centroid (sum 0, NaN, infinity) is cleared, and its
+  // normalisation makes it NaN: the restoration comes out black.
+  for (const float bad : {0.0f, NAN, INFINITY}) {
+    CImg<float> psf = taps(9, 9, {{4, 4, bad}});
+    engine->RecenterPsf(psf);
+    EXPECT_TRUE(std::isnan(psf.min()) || std::isnan(psf.max())) << bad;
+  }
   CImg<float> even(4, 4, 1, 1, 1.0f), colour(3, 3, 1, 3, 0);
   EXPECT_EQ(thrown<cimg_library::CImgArgumentException>([&] { engine->RecenterPsf(even); }), "PSF must be square with odd dimensions");
   for (int c = 0; c < 3; ++c) colour(1, 1, 0, c) = 1.0f / 3;  // the first plane sums to 1/3: centring overshoots

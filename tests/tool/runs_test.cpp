@@ -4,6 +4,7 @@
 #include <regex>
 
 #include "tests/support.h"
+#include "tool/converters.h"
 #include "tool/image_io.h"
 
 namespace {
@@ -133,6 +134,67 @@ TEST_F(Runs, APsfUrlIsFetchedAndAnInputUrlFailsItsPngTest) {
   EXPECT_EQ(input_url.first, 11);
   EXPECT_NE(input_url.second.find("General exception: cimg::fopen() : Failed to open file '" + url + "/input.ppm' with mode 'rb'."),
             std::string::npos) << input_url.second;
+}
+
+TEST_F(Runs, GzipContentAndTemporaryRoutes) {
+  // A gzipped PSF is unpacked to a temporary .pgm, read natively, and removed:
+  // the converter never sees it.
+  recording("convert", "/usr/bin/convert");
+  ASSERT_EQ(std::system(("cd " + dir.path + " && gzip -c psf.pgm > psf.pgm.gz").c_str()), 0);
+  EXPECT_EQ(dir.run("input.ppm psf.pgm plain.pnm 1", "TMP=tmp").first, 0);
+  EXPECT_EQ(dir.run("input.ppm psf.pgm.gz gz.pnm 1", "TMP=tmp").first, 0);
+  EXPECT_EQ(read_file(dir / "gz.pnm"), read_file(dir / "plain.pnm"));
+  EXPECT_EQ(count(read_file(dir / "convert.log"), "psf.pgm.gz"), 0);
+  EXPECT_EQ(std::system(("test -z \"$(ls " + dir / "tmp" + ")\"").c_str()), 0);
+
+  // Converter runs by content: two letters II or MM make a TIFF, read by the
+  // converter and again as the last resort; GIF has no reader by type, only
+  // the last resort. A PNM of 2048 bytes or more is read natively, even after
+  // a blank line.
+  const std::string pad(3000, '\x40');
+  write_file(dir / "tiff.xyz", "II" + pad);
+  write_file(dir / "motorola.xyz", "MM" + pad);
+  write_file(dir / "gif.xyz", "GIF89a" + pad);
+  write_file(dir / "blank.xyz", "\n# made by hand\n\nP6\n24 20\n255\n" + pad);
+  for (const auto& [name, piped_loads] : {std::pair{"tiff.xyz", 2}, {"motorola.xyz", 2}, {"gif.xyz", 1}, {"blank.xyz", 0}}) {
+    std::remove((dir / "convert.log").c_str());
+    dir.run(std::string(name) + " psf.pgm out.png 1");
+    EXPECT_EQ(count(read_file(dir / "convert.log"), std::string(name) + " pnm:-"), piped_loads) << name;
+  }
+}
+
+TEST_F(Runs, TheWorkingDirectoryIsTheLastTemporaryFolder) {
+  if (std::system("unshare -rm true 2>/dev/null") != 0) GTEST_SKIP() << "no user namespaces here";
+  // /tmp and /var/tmp read-only in a namespace of the run's own, TMP and TEMP
+  // unset: the converter gets ./<name>.ppm, not /<name>.ppm. The converter logs
+  // into the working directory, which stays reachable under the new /tmp.
+  write_file(dir / "convert", "#!/bin/sh\necho \"$*\" >> convert.log\nexec /usr/bin/convert \"$@\"\n");
+  ASSERT_EQ(std::system(("chmod +x " + dir / "convert").c_str()), 0);
+  const std::string private_folders = "unshare -rm sh -c 'for d in /tmp /var/tmp; do mount -t tmpfs -o ro tmpfs $d; done; "
+                                      "mount -t tmpfs tmpfs /dev/shm; exec \"$0\" \"$@\"' ";
+  EXPECT_EQ(dir.run("input.ppm psf.pgm out.png 1", "-u TMP -u TEMP " + private_folders).first, 0);
+  EXPECT_TRUE(logged("convert", "-quality 95 \\./[A-Za-z0-9]{8}\\.ppm out\\.png\n"));
+}
+
+TEST_F(Runs, PicturesThatEndTheProcessLeaveTheOutputAlone) {
+  // An empty picture and a volumetric one end the process on a worker thread
+  // (SIGABRT, seen through timeout as 134), with the names left behind; the
+  // output is neither made nor touched.
+  write_file(dir / "empty.pgm", "P5\n0 1\n255\n");
+  CImg<float>(24, 20, 2, 1, 100.0f).save_cimg((dir / "volume.cimg").c_str());
+  for (const char* input : {"empty.pgm", "volume.cimg"}) {
+    EXPECT_EQ(dir.run(std::string(input) + " psf.pgm new.png 2").first, 134) << input;
+    EXPECT_TRUE(remove_semaphores());
+    EXPECT_FALSE(file_exists((dir / "new.png").c_str()));
+    write_file(dir / "old.png", "old");
+    EXPECT_EQ(dir.run(std::string(input) + " psf.pgm old.png 2").first, 134) << input;
+    EXPECT_TRUE(remove_semaphores());
+    EXPECT_EQ(read_file(dir / "old.png"), "old");
+  }
+  // A PSF of zeros has no centroid: the restoration is NaN, saved as black.
+  CImg<float>(3, 3, 1, 1, 0.0f).save_pnm((dir / "zero.pgm").c_str());
+  EXPECT_EQ(dir.run("input.ppm zero.pgm black.pnm 2"), std::pair(0, std::string()));
+  EXPECT_EQ(load(dir / "black.pnm").max(), 0);
 }
 
 // PSNR against the sharp picture over the interior (16 pixels of border left

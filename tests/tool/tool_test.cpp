@@ -42,6 +42,36 @@ TEST(ImageFiles, InputIsPngReadsTheContentNotTheName) {
             "cimg::fopen() : Failed to open file '" + dir / "missing" + "' with mode 'rb'.");
 }
 
+TEST(ImageFiles, ContentIsDetectedInItsOrderOfTests) {
+  TempDir dir;
+  const std::string pad(600, 'x'), pnm_body(2100, '\x7f');
+  std::string dicom(200, '\0');
+  dicom.replace(128, 4, "DICM");
+  // {content, type}: two letters make a TIFF; a PNM header counts in files of
+  // 2048 bytes or more, after comments and blank lines.
+  for (const auto& [content, type] : {std::pair<std::string, const char*>{"II" + pad, "tif"}, {"MM" + pad, "tif"},
+                                      {"GIF89a" + pad, "gif"}, {"BMII" + pad, "bmp"}, {"OFF\nII" + pad, "off"},
+                                      {dicom, "dcm"}, {"\n#comment\n\nP5\n1 1\n255\n" + pnm_body, "pnm"},
+                                      {"PF\n1 1\n-1\n" + pnm_body, "pfm"}, {"P5\n1 1\n255\n" + pad, nullptr},
+                                      {"P5 1 1 255\n" + pnm_body, nullptr}}) {
+    write_file(dir / "file", content);
+    const char* const detected = detect_type((dir / "file").c_str());
+    EXPECT_STREQ(detected, type) << content.substr(0, 12);
+  }
+}
+
+TEST(ImageFiles, AConverterStreamTheReaderRefusesIsTheConvertersFailure) {
+  TempDir dir;  // a header whose size overflows: the reader throws an argument error
+  write_file(dir / "convert", "#!/bin/sh\nprintf 'P5\\n4294967295 4294967295\\n255\\n'\n");
+  ASSERT_EQ(std::system(("chmod +x " + dir / "convert").c_str()), 0);
+  write_file(dir / "in.png", "x");
+  setenv("PATH", (dir.path + ":" + getenv("PATH")).c_str(), 1);
+  CImg<float> img;
+  EXPECT_EQ(thrown<cimg_library::CImgIOException>([&] { load_with_converter(img, (dir / "in.png").c_str(), imagemagick); }),
+            "[instance(0,0,0,0,(nil),non-shared)] CImg<float>::load_imagemagick_external() : Failed to load file '" +
+                dir / "in.png" + "' with external command 'convert'.");
+}
+
 TEST(ImageFiles, EveryRouteLoadsThePicture) {
   TempDir dir;
   CImg<float> picture(12, 9, 1, 3);
