@@ -4,6 +4,7 @@
 // library's own message texts.
 #include "tool/image_io.h"
 
+#include <cstdint>
 #include <cstring>
 
 #include "tool/converters.h"
@@ -16,6 +17,18 @@ bool is_one_of(const char* ext, std::initializer_list<const char*> names) {
   return false;
 }
 
+void load_bmp(CImg<float>& img, const char* path) {
+  switch (inspect_bmp(path)) {
+    case BmpHeader::refused:
+      throw CImgIOException("[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_bmp() : Invalid BMP file '%s'.",
+                            deconv_instance(img), path);
+    case BmpHeader::compressed:
+      return load_other(img, path);
+    case BmpHeader::native:
+      img.load_bmp(path);
+  }
+}
+
 // The reader chosen by the extension; false when the extension names none.
 bool load_by_extension(CImg<float>& img, const char* path, const char* ext) {
   if (!*ext || !cimg::strcasecmp(ext, "cimg"))
@@ -25,7 +38,7 @@ bool load_by_extension(CImg<float>& img, const char* path, const char* ext) {
   else if (!cimg::strcasecmp(ext, "pfm"))
     img.load_pfm(path);
   else if (!cimg::strcasecmp(ext, "bmp"))
-    img.load_bmp(path);
+    load_bmp(img, path);
   else if (!cimg::strcasecmp(ext, "asc"))
     img.load_ascii(path);
   else if (is_one_of(ext, {"dlm", "txt"}))
@@ -82,6 +95,34 @@ std::FILE* open_file(const char* path, const char* mode) {
   std::FILE* const file = std::fopen(path, mode);
   if (!file) throw CImgIOException("cimg::fopen() : Failed to open file '%s' with mode '%s'.", path, mode);
   return file;
+}
+
+BmpHeader inspect_bmp(const char* path) {
+  unsigned char h[54];
+  std::FILE* const file = std::fopen(path, "rb");
+  const size_t size = file ? std::fread(h, 1, sizeof h, file) : 0;
+  if (file) std::fclose(file);
+  if (size < 2 || h[0] != 'B' || h[1] != 'M') return BmpHeader::native;  // the reader refuses it itself
+  if (size < sizeof h) return BmpHeader::refused;  // the reader would work from bytes it never read
+  // The reader's own arithmetic, in 64 bits: every value it forms, partial
+  // sums included, must fit the int it is formed in.
+  const auto field = [&h](int at) -> long long {
+    return (int32_t)((uint32_t)h[at] | (uint32_t)h[at + 1] << 8 | (uint32_t)h[at + 2] << 16 |
+                     (uint32_t)h[at + 3] << 24);
+  };
+  const long long offset = field(0x0A), header_size = field(0x0E), dx = field(0x12), dy = field(0x16),
+                  compression = field(0x1E), bpp = h[0x1C] | h[0x1D] << 8;
+  long long colours = field(0x2E);
+  if (bpp >= 16)
+    colours = 0;
+  else if (!colours)
+    colours = 1LL << bpp;
+  const long long row = bpp == 1 ? dx / 8 + (dx % 8 ? 1 : 0) : bpp == 4 ? dx / 2 + dx % 2 : (int32_t)(dx * bpp / 8);
+  const auto fits = [](long long v) { return v >= INT32_MIN && v <= INT32_MAX; };
+  if (!fits(offset - 14) || !fits(offset - 14 - header_size) || !fits(4 * colours) ||
+      !fits(offset - 14 - header_size - 4 * colours) || !fits(row + 3) || dy == INT32_MIN)
+    return BmpHeader::refused;
+  return compression == 1 || compression == 2 ? BmpHeader::compressed : BmpHeader::native;
 }
 
 const char* detect_type(const char* path) {

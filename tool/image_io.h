@@ -25,6 +25,13 @@ std::FILE* open_file(const char* path, const char* mode);
 // a PNM or PFM header as the first line that is neither blank nor a comment.
 const char* detect_type(const char* path);
 
+// What the route makes of a BMP before the library's reader sees it. That
+// reader forms offsets from the header in int arithmetic, which some headers
+// overflow: those are refused as invalid. RLE-compressed files, which it does
+// not decode, go through this tool's converter chain.
+enum class BmpHeader { native, compressed, refused };
+BmpHeader inspect_bmp(const char* path);
+
 // True when the file's content is PNG. A missing file throws.
 bool input_is_png(const char* path);
 

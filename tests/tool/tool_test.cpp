@@ -60,6 +60,28 @@ TEST(ImageFiles, ContentIsDetectedInItsOrderOfTests) {
   }
 }
 
+TEST(ImageFiles, BmpHeadersTheLibrarysReaderCannotTakeAreRefused) {
+  TempDir dir;
+  CImg<float>(5, 3, 1, 3, 200.0f).save_bmp((dir / "good.bmp").c_str());
+  const std::string good = read_file(dir / "good.bmp");
+  const auto with = [&](int at, uint32_t value) {  // good.bmp with one 32-bit field changed
+    std::string bmp = good;
+    for (int i = 0; i < 4; ++i) bmp[at + i] = (char)(value >> 8 * i);
+    return bmp;
+  };
+  // {content, verdict}: offsets and sizes that overflow the reader's int
+  // arithmetic, a header cut short, and RLE compression, which it leaves to
+  // the converters.
+  for (const auto& [content, verdict] : {std::pair{good, BmpHeader::native}, {with(0x0A, 0x80000000u), BmpHeader::refused},
+                                         {with(0x0E, 0x80000000u), BmpHeader::refused},
+                                         {with(0x12, 0x7FFFFFFFu), BmpHeader::refused},
+                                         {good.substr(0, 30), BmpHeader::refused}, {with(0x1E, 1), BmpHeader::compressed}}) {
+    write_file(dir / "x.bmp", content);
+    EXPECT_EQ(inspect_bmp((dir / "x.bmp").c_str()), verdict) << content.size();
+  }
+  EXPECT_EQ(load(dir / "good.bmp"), CImg<float>(5, 3, 1, 3, 200.0f));
+}
+
 TEST(ImageFiles, AConverterStreamTheReaderRefusesIsTheConvertersFailure) {
   TempDir dir;  // a header whose size overflows: the reader throws an argument error
   write_file(dir / "convert", "#!/bin/sh\nprintf 'P5\\n4294967295 4294967295\\n255\\n'\n");
