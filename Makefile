@@ -1,10 +1,11 @@
 # The two commands of a fresh machine:
 #   make demo   installs what is missing, builds, restores the bundled example
-#   make test   installs what is missing, builds, runs every test
+#   make test   installs what is missing, builds, runs every test (also under
+#               the sanitizers, and the fuzzers)
 BUILD ?= build
 JOBS ?= 2
 
-.PHONY: setup build demo test sanitize bench clean
+.PHONY: setup build demo test check sanitize fuzz bench clean
 
 setup:
 	@bash scripts/setup.sh
@@ -17,14 +18,31 @@ demo: build
 	@$(BUILD)/deconv examples/astronaut_blurred.png examples/motion_psf.png $(BUILD)/astronaut_restored.png 2
 	@echo "Restored picture: $(BUILD)/astronaut_restored.png"
 
-test: build
+# Every test: the suite, the suite again under the sanitizers, and the fuzzers.
+test: check sanitize fuzz
+
+check: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# The tests again, built with UndefinedBehaviorSanitizer.
+# The whole suite under AddressSanitizer with UndefinedBehaviorSanitizer; the
+# engine and the runs of the command under ThreadSanitizer. Each build has a
+# folder of its own.
 sanitize: setup
-	@cmake -S . -B $(BUILD)-ubsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=ON >/dev/null
-	@cmake --build $(BUILD)-ubsan -j $(JOBS)
-	@cd $(BUILD)-ubsan && ctest --output-on-failure
+	@cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=address >/dev/null
+	@cmake --build $(BUILD)-asan -j $(JOBS)
+	@cd $(BUILD)-asan && ctest --output-on-failure -j $(JOBS)
+	@cmake -S . -B $(BUILD)-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=thread >/dev/null
+	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv engine_tests tool_tests
+	@cd $(BUILD)-tsan && ctest --output-on-failure -R '^(Engine|Runs|PinnedResults)\.'
+
+# libFuzzer (clang) over the native readers and the PSF's preparation, a
+# bounded number of inputs each, under AddressSanitizer and
+# UndefinedBehaviorSanitizer; any report fails.
+fuzz: setup
+	@CC=clang CXX=clang++ cmake -S . -B $(BUILD)-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=address \
+	  -DDECONV_TESTS=OFF -DDECONV_FUZZ=ON >/dev/null
+	@cmake --build $(BUILD)-fuzz -j $(JOBS) --target load_fuzzer psf_fuzzer
+	@cd $(BUILD)-fuzz && ctest --output-on-failure
 
 bench: setup
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
@@ -32,4 +50,4 @@ bench: setup
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-ubsan
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz

@@ -1,0 +1,89 @@
+// Fuzzes the native readers that the command's routes hand files to (PNM, PFM,
+// BMP, ASC, DLM, INR, PAN and the library's own format; not the converters).
+// The first byte picks the reader, the rest is the file, which the reader gets
+// by name, as in a run: an in-memory file under /proc/self/fd. A reader may
+// refuse a file with any of the library's exceptions; it must never go wrong
+// in a way a sanitizer sees. Sizes are not what is fuzzed: the build caps
+// images at 2^24 values, so that a header asking for gigabytes is refused
+// rather than allocated, and a file of the library's own format that names
+// more than 4096 images is skipped (the list is allocated before anything is
+// read; a run then fails with std::bad_alloc, status 11). Nor are leaks: the
+// library's readers leave their file open when they refuse some headers (an
+// INR header they cannot parse), which costs a command that reads one file
+// per run nothing; the sanitizer suite checks the command's own leaks. This
+// fuzzer therefore runs without leak detection, and closes a descriptor that
+// a reader left open, so that long runs do not run out of them.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <string>
+
+#include "tool/image_io.h"
+
+using cimg_library::CImg;
+
+namespace {
+int file = -1;
+std::string name;
+}  // namespace
+
+int lowest_free_descriptor() {
+  const int fd = dup(0);
+  close(fd);
+  return fd;
+}
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  file = memfd_create("load_fuzzer", 0);
+  name = "/proc/self/fd/" + std::to_string(file);
+  cimg_library::cimg::exception_mode(0);  // refusals are expected: no reports
+  return 0;
+}
+
+// The number of images a file of the library's own format names first.
+bool names_many_images(const uint8_t* data, size_t size) {
+  const std::string head(reinterpret_cast<const char*>(data), std::min<size_t>(size, 64));
+  unsigned long count = 0;
+  return std::sscanf(head.c_str(), "%lu", &count) == 1 && count > 4096;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 1 || (data[0] % 8 == 7 && names_many_images(data + 1, size - 1))) return 0;
+  if (ftruncate(file, 0) != 0 || pwrite(file, data + 1, size - 1, 0) != (ssize_t)(size - 1)) return 0;
+  CImg<float> img;
+  const char* const path = name.c_str();
+  const int free_before = lowest_free_descriptor();
+  try {
+    switch (data[0] % 8) {
+      case 0:
+        img.load_pnm(path);
+        break;
+      case 1:
+        img.load_pfm(path);
+        break;
+      case 2:  // as the route hands it over: refused and RLE headers never reach the reader
+        if (inspect_bmp(path) == BmpHeader::native) img.load_bmp(path);
+        break;
+      case 3:
+        img.load_ascii(path);
+        break;
+      case 4:
+        img.load_dlm(path);
+        break;
+      case 5:
+        img.load_inr(path);
+        break;
+      case 6:
+        img.load_pandore(path);
+        break;
+      case 7:
+        img.load_cimg(path);
+        break;
+    }
+  } catch (cimg_library::CImgException&) {
+  }
+  if (lowest_free_descriptor() > free_before) close(free_before);  // the one file a reader opened
+  return 0;
+}
