@@ -22,6 +22,13 @@ std::string temporary_name(const char* extension) {
   return name;
 }
 
+// Runs a command line through the shell. Its status is not looked at: what
+// decides is whether the file it should make is there afterwards.
+void run_shell(const std::string& command) {
+  if (std::system(command.c_str())) {
+  }
+}
+
 // A command line in the converters' fixed-size buffer.
 std::string command_line(const char* format, ...) {
   char command[1024];
@@ -72,7 +79,7 @@ void load_gzipped(CImg<float>& img, const char* path) {
   char body[1024];
   cimg::split_filename(path, body);
   const std::string unpacked = temporary_name(cimg::split_filename(body));
-  std::system(command_line("%s -c \"%s\" > \"%s\"", cimg::gunzip_path(), path, unpacked.c_str()).c_str());
+  run_shell(command_line("%s -c \"%s\" > \"%s\"", cimg::gunzip_path(), path, unpacked.c_str()));
   if (!file_exists(unpacked.c_str()))
     throw CImgIOException(
         "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::load_gzip_external() : Failed to load file '%s' with external "
@@ -117,7 +124,7 @@ void load_with_converter(CImg<float>& img, const char* path, const Converter& co
     return;
   }
   const std::string pnm = temporary_name("pnm");
-  std::system(command_line(converter.file_load, converter.path(), path, pnm.c_str()).c_str());
+  run_shell(command_line(converter.file_load, converter.path(), path, pnm.c_str()));
   try {
     img.load_pnm(pnm.c_str());
   } catch (...) {
@@ -127,28 +134,37 @@ void load_with_converter(CImg<float>& img, const char* path, const Converter& co
   std::remove(pnm.c_str());
 }
 
-void write_pnm(const CImg<float>& result, const char* path) {
+void write_pnm(const CImg<float>& result, const char* path, const unsigned int maximum) {
   std::FILE* const file = open_file(path, "wb");
   const unsigned int channels = result.spectrum() == 1 ? 1 : 3, W = result.width(), H = result.height();
-  std::fprintf(file, "P%c\n%u %u\n%u\n", channels == 1 ? '5' : '6', W, H, 255);
+  const unsigned int bytes = maximum > 255 ? 2 : 1;
+  std::fprintf(file, "P%c\n%u %u\n%u\n", channels == 1 ? '5' : '6', W, H, maximum);
   const float* planes[3] = {result.data(0, 0, 0, 0), nullptr, nullptr};
   for (unsigned int c = 1; c < channels; ++c)
     planes[c] = (int)c < result.spectrum() ? result.data(0, 0, 0, c) : nullptr;
-  std::vector<unsigned char> row(channels * W);
+  std::vector<unsigned char> row(channels * W * bytes);
   for (unsigned int y = 0; y < H; ++y) {
     for (unsigned int c = 0; c < channels; ++c) {
       const float* const from = planes[c] ? planes[c] + (size_t)y * W : nullptr;
-      for (unsigned int x = 0; x < W; ++x) row[x * channels + c] = from ? to_file_byte(from[x]) : 0;
+      for (unsigned int x = 0; x < W; ++x) {
+        const unsigned int value = from ? to_file_value(from[x], (float)maximum) : 0;
+        unsigned char* const at = &row[(x * channels + c) * bytes];
+        if (bytes == 2)
+          at[0] = (unsigned char)(value >> 8), at[1] = (unsigned char)value;
+        else
+          at[0] = (unsigned char)value;
+      }
     }
     std::fwrite(row.data(), 1, row.size(), file);
   }
   std::fclose(file);
 }
 
-void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality, const Converter& converter) {
+void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality, const Converter& converter,
+                         const unsigned int maximum) {
   const std::string pnm = temporary_name(img.spectrum() == 1 ? "pgm" : "ppm");
-  write_pnm(img, pnm.c_str());
-  std::system(command_line(converter.save, converter.path(), quality, pnm.c_str(), path).c_str());
+  write_pnm(img, pnm.c_str(), maximum);
+  run_shell(command_line(converter.save, converter.path(), quality, pnm.c_str(), path));
   if (!file_exists(path)) throw CImgIOException(converter.save_failure, deconv_instance(img), path);
   std::remove(pnm.c_str());
 }

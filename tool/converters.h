@@ -51,14 +51,16 @@ void load_gzipped(CImg<float>& img, const char* path);
 // through a temporary file.
 void load_with_converter(CImg<float>& img, const char* path, const Converter& converter);
 
-// The result as an 8-bit binary PNM: P5 for one channel, P6 otherwise (the
-// first three channels, a missing third one as 0), the first slice only, every
-// value through to_file_byte. One pass from the float planes to the file.
-void write_pnm(const CImg<float>& result, const char* path);
+// A 0..1 result as a binary PNM of `maximum` 255 (8 bits) or 65535 (16 bits,
+// big-endian): P5 for one channel, P6 otherwise (the first three channels, a
+// missing third one as 0), the first slice only, every value through
+// to_file_value. One pass from the float planes to the file.
+void write_pnm(const CImg<float>& result, const char* path, unsigned int maximum = 255);
 
 // Writes a temporary PNM and lets the converter make the target of it. The
 // target's existence is the only test of success, so an old file of that name
 // passes; on failure the temporary PNM stays behind.
-void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality, const Converter& converter);
+void save_with_converter(const CImg<float>& img, const char* path, unsigned int quality, const Converter& converter,
+                         unsigned int maximum);
 
 #endif

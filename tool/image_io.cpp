@@ -224,7 +224,8 @@ void load_other(CImg<float>& img, const char* path) {
       deconv_instance(img), path);
 }
 
-void save_result(const CImg<float>& img, const char* path, const bool is_png, const unsigned int quality) {
+void save_result(const CImg<float>& img, const char* path, const bool is_png, const unsigned int quality,
+                 const unsigned int maximum) {
   using cimg_library::CImgArgumentException;
   using cimg_library::CImgInstanceException;
   if (is_png) {
@@ -236,7 +237,7 @@ void save_result(const CImg<float>& img, const char* path, const bool is_png, co
       throw CImgInstanceException(
           "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_png() : Empty image, for file '%s'.",
           deconv_instance(img), path);
-    save_other(img, path, 100);
+    save_other(img, path, 100, maximum);
     return;
   }
   if (!path)
@@ -252,10 +253,10 @@ void save_result(const CImg<float>& img, const char* path, const bool is_png, co
                  "\n[CImg] *** Warning ***[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_jpeg() : Instance "
                  "is volumetric, only the first slice will be saved in file '%s'.",
                  deconv_instance(img), path);
-  save_other(img, path, quality);
+  save_other(img, path, quality, maximum);
 }
 
-void save_other(const CImg<float>& img, const char* path, const unsigned int quality) {
+void save_other(const CImg<float>& img, const char* path, const unsigned int quality, const unsigned int maximum) {
   if (!path)
     throw cimg_library::CImgArgumentException(
         "[instance(%u,%u,%u,%u,%p,%sshared)] CImg<%s>::save_other() : Specified filename is (null).",
@@ -267,12 +268,12 @@ void save_other(const CImg<float>& img, const char* path, const unsigned int qua
   {
     QuietReports quiet;
     try {
-      save_with_converter(img, path, quality, imagemagick);
+      save_with_converter(img, path, quality, imagemagick, maximum);
       return;
     } catch (CImgException&) {
     }
     try {
-      save_with_converter(img, path, quality, graphicsmagick);
+      save_with_converter(img, path, quality, graphicsmagick, maximum);
       return;
     } catch (CImgException&) {
     }

@@ -43,10 +43,12 @@ void load_image(CImg<float>& img, const char* path);
 void load_other(CImg<float>& img, const char* path);
 
 // Saves the 0..1 result through a converter, which picks the format by the
-// target's name; the temporary PNM holds it clamped and scaled to bytes. A PNG
-// input is saved at quality 100, any other at `quality`.
-void save_result(const CImg<float>& img, const char* path, bool is_png, unsigned int quality);
+// target's name; the temporary PNM holds it clamped and scaled to 0..maximum
+// (bytes for 255, 16 bits for 65535). A PNG input is saved at quality 100, any
+// other at `quality`.
+void save_result(const CImg<float>& img, const char* path, bool is_png, unsigned int quality,
+                 unsigned int maximum = 255);
 
-void save_other(const CImg<float>& img, const char* path, unsigned int quality);
+void save_other(const CImg<float>& img, const char* path, unsigned int quality, unsigned int maximum = 255);
 
 #endif

@@ -7,11 +7,12 @@
 #include <cstdlib>
 
 #include "engine/deconv.h"
+#include "tool/exit_status.h"
 #include "tool/image_io.h"
 #include "tool/value_range.h"
 
 int main(int argc, char** argv) {
-  try {
+  return run_with_exit_status([&] {
     flush_denormals_to_zero();
     cimg_library::cimg::srand();  // temporary names differ between runs
     if (argc < 5) return 1;
@@ -43,14 +44,5 @@ int main(int argc, char** argv) {
 
     save_result(output, argv[3], is_png, quality);
     return 0;
-  } catch (cimg_library::CImgInstanceException& e) {
-    std::fprintf(stderr, "Library Error : %s", e.what());
-    return 10;
-  } catch (std::exception& e) {
-    std::fprintf(stderr, "General exception: %s", e.what());
-    return 11;
-  } catch (...) {
-    std::fprintf(stderr, "Unknown exception");
-    return 12;
-  }
+  });
 }
