@@ -5,7 +5,7 @@
 BUILD ?= build
 JOBS ?= 2
 
-.PHONY: setup build demo test check sanitize fuzz bench clean
+.PHONY: setup build demo test check sanitize fuzz bench package clean
 
 setup:
 	@bash scripts/setup.sh
@@ -48,6 +48,10 @@ bench: setup
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
+
+# The Debian package, from the Release build: build/deconv_<version>_amd64.deb.
+package: build
+	@cd $(BUILD) && cpack
 
 clean:
 	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz

@@ -6,7 +6,7 @@ set -euo pipefail
 
 packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
           googletest libgtest-dev libbenchmark-dev curl python3 gzip
-          clang libclang-rt-14-dev)
+          clang libclang-rt-14-dev dpkg-dev lintian man-db groff-base)
 root=$(cd "$(dirname "$0")/.." && pwd)
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
