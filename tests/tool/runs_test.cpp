@@ -165,12 +165,13 @@ TEST_F(Runs, GzipContentAndTemporaryRoutes) {
 
 TEST_F(Runs, TheWorkingDirectoryIsTheLastTemporaryFolder) {
   if (std::system("unshare -rm true 2>/dev/null") != 0) GTEST_SKIP() << "no user namespaces here";
-  // /tmp and /var/tmp read-only in a namespace of the run's own, TMP and TEMP
-  // unset: the converter gets ./<name>.ppm, not /<name>.ppm. The converter logs
-  // into the working directory, which stays reachable under the new /tmp.
-  write_file(dir / "convert", "#!/bin/sh\necho \"$*\" >> convert.log\nexec /usr/bin/convert \"$@\"\n");
-  ASSERT_EQ(std::system(("chmod +x " + dir / "convert").c_str()), 0);
-  const std::string private_folders = "unshare -rm sh -c 'for d in /tmp /var/tmp; do mount -t tmpfs -o ro tmpfs $d; done; "
+  // /tmp and /var/tmp read-only in a namespace of the run's own (bound onto
+  // themselves, so that all stays reachable; the working folder keeps a
+  // writable mount of its own), TMP and TEMP unset: the converter gets
+  // ./<name>.ppm, not /<name>.ppm.
+  recording("convert", "/usr/bin/convert");
+  const std::string private_folders = "unshare -rm sh -c 'mount --bind \"$PWD\" \"$PWD\"; for d in /tmp /var/tmp; do "
+                                      "mount --rbind $d $d && mount -o remount,bind,ro $d; done; "
                                       "mount -t tmpfs tmpfs /dev/shm; exec \"$0\" \"$@\"' ";
   EXPECT_EQ(dir.run("input.ppm psf.pgm out.png 1", "-u TMP -u TEMP " + private_folders).first, 0);
   EXPECT_TRUE(logged("convert", "-quality 95 \\./[A-Za-z0-9]{8}\\.ppm out\\.png\n"));
