@@ -6,7 +6,8 @@ set -euo pipefail
 
 packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
           googletest libgtest-dev libbenchmark-dev curl python3 gzip
-          clang libclang-rt-14-dev dpkg-dev lintian man-db groff-base)
+          clang libclang-rt-14-dev dpkg-dev lintian man-db groff-base
+          parallel rsync openssh-server openssh-client)
 root=$(cd "$(dirname "$0")/.." && pwd)
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
@@ -23,12 +24,16 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
-# Photographs for the restoration tests: NASA's portrait of Eileen Collins and
-# SpaceX's launch of DSCOVR, both in the public domain, as Debian's
-# python3-skimage ships them. Only the two files are unpacked; nothing is
-# installed.
+# Photographs for the tests and benchmarks, as Debian's python3-skimage ships
+# them: NASA's portrait of Eileen Collins and the Hubble deep field, SpaceX's
+# launch of DSCOVR (public domain), a cameraman, a cup of coffee, a cat, a
+# motorcycle and a retina. Only these files are unpacked; nothing is
+# installed, and none of them is committed.
 data="$root/.cache/testdata"
-if [ ! -f "$data/astronaut.png" ] || [ ! -f "$data/rocket.jpg" ]; then
+photos=(astronaut.png rocket.jpg camera.png coffee.png chelsea.png hubble_deep_field.jpg motorcycle_left.png retina.jpg)
+missing_photo=0
+for photo in "${photos[@]}"; do [ -f "$data/$photo" ] || missing_photo=1; done
+if [ $missing_photo = 1 ]; then
   work=$(mktemp -d)
   trap 'rm -rf "$work"' EXIT
   if ! (cd "$work" && apt-get download -qq python3-skimage >/dev/null 2>&1); then
@@ -37,5 +42,5 @@ if [ ! -f "$data/astronaut.png" ] || [ ! -f "$data/rocket.jpg" ]; then
   fi
   dpkg-deb -x "$work"/python3-skimage_*.deb "$work/x"
   mkdir -p "$data"
-  cp "$work"/x/usr/lib/python3/dist-packages/skimage/data/{astronaut.png,rocket.jpg} "$data/"
+  for photo in "${photos[@]}"; do cp "$work/x/usr/lib/python3/dist-packages/skimage/data/$photo" "$data/"; done
 fi

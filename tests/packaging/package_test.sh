@@ -14,7 +14,7 @@ deb=$(echo "$out"/deconv_*_amd64.deb)
 [ "$(dpkg-deb -f "$deb" Package)" = deconv ]
 dpkg-deb -f "$deb" Version | grep -qE '^[0-9]+\.[0-9]+\.[0-9]+$'
 depends=$(dpkg-deb -f "$deb" Depends)
-for needed in 'imagemagick | graphicsmagick' libfftw3-single3 libstdc++6 libc6; do
+for needed in 'imagemagick | graphicsmagick' parallel libfftw3-single3 libstdc++6 libc6; do
   [[ $depends == *"$needed"* ]] || { echo "Depends lacks $needed: $depends"; exit 1; }
 done
 diff <(dpkg-deb -c "$deb" | awk '$1 !~ /^d/ {print $6}' | sed 's|^\./usr/||' | sort) "$here/installed_files.txt"

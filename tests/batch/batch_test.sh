@@ -1,0 +1,169 @@
+#!/usr/bin/env bash
+# deconv-batch as users run it, one case per call:
+#   batch_test.sh BUILD CASE
+# Pictures are crops of real photographs, blurred by ImageMagick; every
+# result is compared byte for byte with a run of deconv alone (1 worker, the
+# same arguments) on the same files. Exit 77 skips a case this machine cannot
+# run.
+set -euo pipefail
+build=$1 case=$2
+data=$(cd "$(dirname "$0")/../.." && pwd)/.cache/testdata
+dir=$(mktemp -d)
+sshd_pid=""
+cleanup() {
+  [ -z "$sshd_pid" ] || kill "$sshd_pid" 2>/dev/null || true
+  rm -rf "$dir"
+}
+trap cleanup EXIT
+cd "$dir"
+
+fail() {
+  echo "FAILED: $*" >&2
+  exit 1
+}
+
+# N pictures pic-1 ... with a space or a letter beyond ASCII in some names,
+# the PSF, the reference results ref-N.ppm, and a manifest of them all.
+names=()
+make_pictures() {
+  "$build/deconv-psf" gaussian 1.5 psf.png
+  for i in $(seq "$1"); do
+    local photo=astronaut.png name="pic-$i.png"
+    [ $((i % 2)) = 0 ] && photo=rocket.jpg
+    [ $((i % 3)) = 0 ] && name="pic $i.png"
+    [ $((i % 5)) = 0 ] && name="bild-ä-$i.png"
+    convert "$data/$photo" -crop 96x80+$((20 * i))+$((10 * i)) +repage -blur 0x1.5 "$name"
+    "$build/deconv" "$name" psf.png "ref-$i.ppm" 1
+    names+=("$name")
+    printf '%s\tpsf.png\tout/%s.ppm\n' "$name" "${name%.png}" >>manifest
+  done
+}
+
+same_as_reference() {  # every output of the manifest that exists is complete
+  local i=0 name
+  for name in "${names[@]}"; do
+    i=$((i + 1))
+    [ ! -e "out/${name%.png}.ppm" ] || cmp -s "out/${name%.png}.ppm" "ref-$i.ppm" || fail "out/${name%.png}.ppm differs"
+  done
+}
+
+no_names_left() {
+  ! ls /dev/shm | grep -qE '^sem\.(WorkAvailable|WorkComplete|PsfFftDone)Semaphore$' || fail "names left in /dev/shm"
+}
+
+case_one_machine() {
+  make_pictures 18
+  "$build/deconv-batch" -j 8 manifest 2>err || fail "status $? $(cat err)"
+  [ "$(ls out | wc -l)" = 18 ] || fail "$(ls out | wc -l) outputs"
+  same_as_reference
+  no_names_left
+  [ "$(cat err)" = "deconv-batch: 18 restored, 0 failed" ] || fail "summary: $(cat err)"
+  [ -z "$(find . -name '.deconv-batch.*')" ] || fail "private folders left"
+}
+
+case_failures() {
+  make_pictures 4
+  head -c 600 /dev/urandom >"bad psf.png"
+  sed -i "2a missing.png\tpsf.png\tout/missing.ppm" manifest
+  printf 'pic-1.png\tbad psf.png\tout/bad.ppm\n' >>manifest
+  local status=0
+  "$build/deconv-batch" -j 4 manifest 2>err || status=$?
+  [ $status = 1 ] || fail "status $status"
+  grep -qx "deconv-batch: 4 restored, 2 failed" err || fail "summary: $(cat err)"
+  grep -q "^deconv-batch: line 3: status 11: .*Failed to open file '$dir/missing.png'" err || fail "$(cat err)"
+  grep -q "^deconv-batch: line 6: status 11: " err || fail "$(cat err)"
+  [ ! -e out/missing.ppm ] && [ ! -e out/bad.ppm ] || fail "a failed picture has an output"
+  same_as_reference
+}
+
+case_names() {
+  make_pictures 2
+  cp pic-1.png 'x$(touch INJECTED).png'
+  printf 'x$(touch INJECTED).png\tpsf.png\tout/q"uote`x`.ppm\n' >manifest
+  "$build/deconv-batch" manifest 2>err || fail "status $? $(cat err)"
+  cmp -s 'out/q"uote`x`.ppm' ref-1.ppm || fail "the quoted output differs"
+  [ -z "$(find / -xdev -name INJECTED 2>/dev/null)" ] || fail "a name was run by the shell"
+}
+
+case_resume() {
+  make_pictures 18
+  "$build/deconv-batch" -j 2 manifest 2>/dev/null &
+  local batch=$!
+  for _ in $(seq 400); do
+    [ "$(ls out 2>/dev/null | grep -c '\.ppm$')" -ge 6 ] && break
+    sleep 0.05
+  done
+  kill -TERM $batch
+  wait $batch && fail "an interrupted batch reports success" || true
+  local first
+  first=$(ls out | grep -c '\.ppm$')
+  [ "$first" -lt 18 ] || fail "the batch ended before it was interrupted"
+  same_as_reference  # every file under an output's name is whole
+  [ -z "$(find . -name '.deconv-batch.*')" ] || fail "private folders left after an interruption"
+  "$build/deconv-batch" -j 4 --resume manifest 2>err || fail "status $? $(cat err)"
+  grep -q "^deconv-batch: $((18 - first)) restored, 0 failed, $first not run" err || fail "after $first: $(cat err) $(cut -f1,7,8,9 manifest.joblog | cut -c1-60)"
+  [ "$(ls out | wc -l)" = 18 ] || fail "$(ls out | wc -l) outputs after --resume"
+  same_as_reference
+  no_names_left
+}
+
+# Three machines on loopback addresses, each by its own sshd login, with keys
+# made here; --transfer sends the files to each machine's work folder.
+case_machines() {
+  [ "$(id -u)" = 0 ] && [ -x /usr/sbin/sshd ] || exit 77
+  make_pictures 8
+  ssh-keygen -q -t ed25519 -N '' -f host_key
+  ssh-keygen -q -t ed25519 -N '' -f client_key
+  local port
+  port=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+  printf '%s\n' "Port $port" "ListenAddress 127.0.0.1" "ListenAddress 127.0.0.2" "ListenAddress 127.0.0.3" \
+    "HostKey $dir/host_key" "AuthorizedKeysFile $dir/client_key.pub" "PidFile $dir/sshd.pid" \
+    "PermitRootLogin prohibit-password" "PasswordAuthentication no" "UsePAM no" "StrictModes no" >sshd_config
+  printf '%s\n' "Host *" "  Port $port" "  IdentityFile $dir/client_key" "  StrictHostKeyChecking no" \
+    "  UserKnownHostsFile /dev/null" "  LogLevel ERROR" "  BatchMode yes" >ssh_config
+  mkdir -p /run/sshd
+  /usr/sbin/sshd -D -f sshd_config -E sshd.log &
+  sshd_pid=$!
+  for _ in $(seq 100); do ssh -F ssh_config 127.0.0.2 true 2>/dev/null && break; sleep 0.05; done
+  printf 'ssh -F %s/ssh_config %s\n' "$dir" 127.0.0.1 "$dir" 127.0.0.2 "$dir" 127.0.0.3 >machines
+  "$build/deconv-batch" -j 2 --sshloginfile machines --transfer manifest 2>err || fail "status $? $(cat err)"
+  [ "$(ls out | wc -l)" = 8 ] || fail "$(ls out | wc -l) outputs"
+  same_as_reference
+  [ "$(tail -n +2 manifest.joblog | cut -f2 | sort -u | wc -l)" -gt 1 ] || fail "one machine did all"
+  [ -z "$(ls ~/.parallel/tmp 2>/dev/null | grep "$(hostname)-" || true)" ] || true
+  no_names_left
+}
+
+# Where namespaces are refused, the runs take turns, and the batch says so once.
+case_no_namespaces() {
+  make_pictures 5
+  mkdir refuse && printf '#!/bin/sh\nexit 1\n' >refuse/unshare && chmod +x refuse/unshare
+  PATH=$dir/refuse:$PATH "$build/deconv-batch" -j 4 manifest 2>err || fail "status $? $(cat err)"
+  [ "$(grep -c 'no namespaces on' err)" = 1 ] || fail "$(cat err)"
+  same_as_reference
+  [ "$(ls out | wc -l)" = 5 ] || fail "$(ls out | wc -l) outputs"
+  no_names_left
+}
+
+case_command_line() {
+  make_pictures 1
+  for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "--sideways manifest" \
+    "manifest manifest" "--resume -" "missing.tsv"; do
+    local status=0
+    # shellcheck disable=SC2086
+    "$build/deconv-batch" $args </dev/null 2>err || status=$?
+    [ $status = 2 ] || fail "'$args' gave $status"
+  done
+  printf '# a comment\n\npic-1.png\tpsf.png\n' >short
+  local status=0
+  "$build/deconv-batch" short 2>err || status=$?
+  [ $status = 2 ] && grep -q "short line 3: expected INPUT, PSF and OUTPUT separated by tabs" err || fail "$(cat err)"
+  printf 'pic-1.png\tpsf.png\tout/a.ppm\npic-1.png\tpsf.png\t./out/a.ppm\n' >twice
+  status=0
+  "$build/deconv-batch" twice 2>err || status=$?
+  [ $status = 2 ] && grep -q "twice line 2: ./out/a.ppm is written by line 1 too" err || fail "$(cat err)"
+  [ ! -e out ] || fail "a batch ran with a bad manifest"
+  "$build/deconv-batch" --help | grep -q "^usage: deconv-batch" || fail "--help"
+}
+
+"case_$case"
