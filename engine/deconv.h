@@ -15,7 +15,6 @@
 #include <semaphore.h>
 
 #include <cstdint>
-
 #include <deque>
 #include <queue>
 #include <vector>
@@ -79,6 +78,11 @@ class CDeconv {
   // Restores input into output (allocated by the caller at input's size). Both
   // input and psf are changed: input is tapered, psf becomes the prepared PSF.
   void deconv_nonblind(CImg<float>& output, CImg<float>& input, CImg<float>& psf);
+
+  // The whole of deconv_nonblind but its last batch: the PSF prepared and
+  // published, then the first batch, which leaves psf_fft, S and N complete and
+  // input tapered. What the solve would see, for those who judge it.
+  void deconv_prepare(CImg<float>& input, CImg<float>& psf);
 
   // The two batches, run on the calling thread.
   void taper_and_gradient_master(CImg<float>& image);

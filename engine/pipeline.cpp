@@ -4,6 +4,11 @@
 #include "engine/deconv.h"
 
 void CDeconv::deconv_nonblind(CImg<float>& output, CImg<float>& input, CImg<float>& psf) {
+  deconv_prepare(input, psf);
+  deconv_master(output, input);
+}
+
+void CDeconv::deconv_prepare(CImg<float>& input, CImg<float>& psf) {
   // A zero canvas of 2w + 1 squared, both sides from the width alone, so that
   // centring can move the PSF anywhere without losing it. Only the first plane
   // and slice stay; rows that do not fit are cut on both sides.
@@ -19,5 +24,4 @@ void CDeconv::deconv_nonblind(CImg<float>& output, CImg<float>& input, CImg<floa
   channels = input.spectrum();
 
   taper_and_gradient_master(input);
-  deconv_master(output, input);
 }
