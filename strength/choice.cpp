@@ -1,0 +1,55 @@
+#include "strength/choice.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+
+StrengthChoice::StrengthChoice() : bins_(1 << 16) {}
+
+void StrengthChoice::add(const float P, const float N, const float power) {
+  if (!(N > 0)) return;
+  const float r = P / N;  // non-negative
+  uint32_t bits;
+  std::memcpy(&bits, &r, sizeof bits);
+  Bin& bin = bins_[bits >> 16];
+  bin.count += 1;
+  bin.r_sum += r;
+  bin.power += power;
+  bin.r_power_sum += (double)r * power;
+}
+
+void StrengthChoice::merge(const StrengthChoice& other) {
+  for (size_t i = 0; i < bins_.size(); ++i) {
+    bins_[i].count += other.bins_[i].count;
+    bins_[i].r_sum += other.bins_[i].r_sum;
+    bins_[i].power += other.bins_[i].power;
+    bins_[i].r_power_sum += other.bins_[i].r_power_sum;
+  }
+}
+
+double StrengthChoice::gcv(const double lambda) const {
+  double n = 0, residual = 0, trace = 0;
+  for (const Bin& bin : bins_) {
+    if (!bin.count) continue;
+    n += bin.count;
+    // Each bin's r, averaged as each sum weighs its frequencies.
+    const double r_count = bin.r_sum / bin.count;
+    const double r_power = bin.power > 0 ? bin.r_power_sum / bin.power : r_count;
+    const double keep = lambda / (r_power + lambda);
+    residual += bin.power * keep * keep;
+    trace += bin.count * lambda / (r_count + lambda);
+  }
+  return trace > 0 ? n * residual / (trace * trace) : std::numeric_limits<double>::infinity();
+}
+
+int StrengthChoice::strength() const { return std::min(200, 2 * best(1, 200)); }
+
+int StrengthChoice::best(const int lowest, const int highest) const {
+  int best = lowest;
+  double smallest = std::numeric_limits<double>::infinity();
+  for (int strength = lowest; strength <= highest; ++strength) {
+    const double value = gcv((double)((float)strength / 10.0f));
+    if (value < smallest) smallest = value, best = strength;
+  }
+  return best;
+}
