@@ -5,7 +5,8 @@
 // wall and CPU time, both as multiples of the floor, and the peak resident
 // memory per pixel. The picture is a real photograph enlarged, with grain, so
 // that the JPEG has a photograph's entropy; the PSF is a PGM the command reads
-// itself, so that no converter runs for it.
+// itself, so that no converter runs for it. Beside them, deconv-strength on the
+// same picture, whose choice should cost no more than one run.
 //
 // Run it on a quiet machine: every figure is the median of its repetitions,
 // which run in random order.
@@ -74,6 +75,10 @@ void BM_Run(benchmark::State& state) {
   for (auto _ : state) report(state, spawn({DECONV_BINARY, "big.jpg", "psf.pgm", "out.jpg", workers}));
 }
 
+void BM_Strength(benchmark::State& state) {
+  for (auto _ : state) report(state, spawn({DECONV_STRENGTH_BINARY, "big.jpg", "psf.pgm"}, "/dev/null"));
+}
+
 void BM_Decode(benchmark::State& state) {
   for (auto _ : state) report(state, spawn({"convert", "big.jpg", "pnm:-"}, "/dev/null"));
 }
@@ -117,6 +122,7 @@ void BM_Transforms(benchmark::State& state) {
 
 constexpr int repetitions = 5;
 BENCHMARK(BM_Run)->Arg(1)->Arg(2)->UseManualTime()->Iterations(1)->Repetitions(repetitions);
+BENCHMARK(BM_Strength)->UseManualTime()->Iterations(1)->Repetitions(repetitions);
 BENCHMARK(BM_Decode)->UseManualTime()->Iterations(1)->Repetitions(repetitions);
 BENCHMARK(BM_Encode)->UseManualTime()->Iterations(1)->Repetitions(repetitions);
 BENCHMARK(BM_Transforms)->Arg(1)->Arg(2)->UseManualTime()->Iterations(1)->Repetitions(repetitions);
@@ -154,6 +160,9 @@ class FloorReporter : public benchmark::ConsoleReporter {
           bare.wall, workers, workers > 1 ? "s" : "", cpu_floor, run.wall / wall_floor, run.cpu / cpu_floor);
     }
     std::printf("(the peak is the larger of the run's own and its converters')\n");
+    const Usage strength = medians_["BM_Strength"], run = medians_["BM_Run/2"];
+    std::printf("deconv-strength: %.2f s wall, %.2f s CPU; one run with 2 workers: %.2f s wall (%.2f x)\n",
+                strength.wall, strength.cpu, run.wall, strength.wall / run.wall);
   }
 
  private:

@@ -145,9 +145,29 @@ case_no_namespaces() {
   no_names_left
 }
 
+# -s auto: each picture at the strength deconv-strength picks for it, which
+# the summary lists; the result is deconv's at that strength.
+case_auto_strength() {
+  make_pictures 3
+  convert pic-2.png -seed 5 -attenuate 3 +noise Gaussian noisy.png
+  printf 'noisy.png\tpsf.png\tout/noisy.ppm\n' >>manifest
+  "$build/deconv-batch" -s auto manifest 2>err || fail "status $? $(cat err)"
+  local line strength listed=0
+  for pair in $(sed -n 's/.*strength by line: //p' err); do
+    line=${pair%%:*} strength=${pair##*:}
+    IFS=$'\t' read -r input _ output < <(sed -n "${line}p" manifest)
+    "$build/deconv" "$input" psf.png expected.ppm 1 95 "$strength"
+    cmp -s "$output" expected.ppm || fail "line $line differs from deconv at strength $strength"
+    [ "$line" != 4 ] || [ "$strength" -gt "$(sed -n 's/.* 2:\([0-9]*\).*/\1/p' err)" ] || fail "noise did not raise the strength: $(cat err)"
+    listed=$((listed + 1))
+  done
+  [ $listed = 4 ] || fail "$(cat err)"
+  no_names_left
+}
+
 case_command_line() {
   make_pictures 1
-  for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "--sideways manifest" \
+  for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "-s automatic manifest" "--sideways manifest" \
     "manifest manifest" "--resume -" "missing.tsv"; do
     local status=0
     # shellcheck disable=SC2086
