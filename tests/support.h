@@ -11,7 +11,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "tool/cimg_config.h"
+#include "tool/image_io.h"
 
 using cimg_library::CImg;
 using cimg_library::CImgList;
@@ -29,10 +29,31 @@ std::string thrown(F f) {
   try {
     f();
   } catch (E& e) {
-    if constexpr (std::is_same_v<E, int>) return std::to_string(e);
-    else return e.what();
+    if constexpr (std::is_same_v<E, int>)
+      return std::to_string(e);
+    else
+      return e.what();
   }
   return "nothing thrown";
+}
+
+inline CImg<float> load(const std::string& path) {
+  CImg<float> img;
+  load_image(img, path.c_str());
+  return img;
+}
+
+// PSNR against the sharp picture over the interior (`border` pixels left out,
+// where the taper works), at the best whole-pixel offset up to `shift`: a
+// restoration stands one pixel toward +x and +y, by design.
+inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
+  const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
+  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
+  double best = 0;
+  for (int dy = -shift; dy <= shift; ++dy)
+    for (int dx = -shift; dx <= shift; ++dx)
+      best = std::max(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
+  return best;
 }
 
 inline std::string read_file(const std::string& path) {
@@ -56,8 +77,10 @@ struct TempDir {
   // Runs the binary here with shell-quoted arguments and `env` settings;
   // status and stderr. A run past its time is killed (status 137).
   std::pair<int, std::string> run(const std::string& args, const std::string& env = "", int seconds = 60) const {
-    const int status = std::system(("cd '" + path + "' && env " + env + " /usr/bin/timeout -s KILL " + std::to_string(seconds) +
-                                    " " DECONV_BINARY " " + args + " </dev/null >/dev/null 2>.stderr").c_str());
+    const int status =
+        std::system(("cd '" + path + "' && env " + env + " /usr/bin/timeout -s KILL " + std::to_string(seconds) +
+                     " " DECONV_BINARY " " + args + " </dev/null >/dev/null 2>.stderr")
+                        .c_str());
     return {WEXITSTATUS(status), read_file(path + "/.stderr")};
   }
 };

@@ -8,11 +8,17 @@
 
 namespace {
 
-CImg<float> load(const std::string& path) {
-  CImg<float> img;
-  load_image(img, path.c_str());
-  return img;
-}
+// Sum, centroid and second central moments of a PSF picture.
+struct Moments {
+  double sum = 0, x = 0, y = 0, xx = 0, yy = 0, xy = 0;
+  explicit Moments(const CImg<float>& p) {
+    cimg_forXY(p, i, j) sum += p(i, j), x += i * p(i, j), y += j * p(i, j);
+    x /= sum, y /= sum;
+    cimg_forXY(p, i, j) xx += p(i, j) * (i - x) * (i - x), yy += p(i, j) * (j - y) * (j - y),
+        xy += p(i, j) * (i - x) * (j - y);
+    xx /= sum, yy /= sum, xy /= sum;
+  }
+};
 
 // Draws with the command, reads the picture back.
 CImg<float> drawn(const TempDir& dir, const std::string& args) {
@@ -40,10 +46,9 @@ TEST(DeconvPsf, EveryKindIsCentredOddAndAsSymmetricAsItsShape) {
       EXPECT_LT((p - p.get_mirror("xy")).abs().max(), 1e-5);
     }
     // The first moment at the middle pixel, where deconv takes the origin.
-    double sum = 0, mx = 0, my = 0;
-    cimg_forXY(p, x, y) sum += p(x, y), mx += x * p(x, y), my += y * p(x, y);
-    EXPECT_NEAR(mx / sum, p.width() / 2, 1e-4);
-    EXPECT_NEAR(my / sum, p.height() / 2, 1e-4);
+    const Moments m(p);
+    EXPECT_NEAR(m.x, p.width() / 2, 1e-4);
+    EXPECT_NEAR(m.y, p.height() / 2, 1e-4);
   }
 }
 
@@ -58,19 +63,12 @@ TEST(DeconvPsf, MotionLengthAndAngleComeBackFromTheSecondMoments) {
                                         {25.0, 200.0},
                                         {6.5, -60.0}}) {
     const CImg<float> p = drawn(dir, "motion " + std::to_string(length) + " " + std::to_string(degrees));
-    double sum = 0, mx = 0, my = 0;
-    cimg_forXY(p, x, y) sum += p(x, y), mx += x * p(x, y), my += y * p(x, y);
-    mx /= sum, my /= sum;
-    double xx = 0, yy = 0, xy = 0;
-    cimg_forXY(p, x, y) {
-      xx += p(x, y) * (x - mx) * (x - mx), yy += p(x, y) * (y - my) * (y - my), xy += p(x, y) * (x - mx) * (y - my);
-    }
-    xx /= sum, yy /= sum, xy /= sum;
+    const Moments m(p);
     // An evenly weighted line of length L has variance L^2 / 12 along itself.
-    const double major = (xx + yy) / 2 + std::sqrt((xx - yy) * (xx - yy) / 4 + xy * xy);
+    const double major = (m.xx + m.yy) / 2 + std::sqrt((m.xx - m.yy) * (m.xx - m.yy) / 4 + m.xy * m.xy);
     EXPECT_NEAR(std::sqrt(12 * major), length, 0.5) << length << " at " << degrees;
     // The direction as seen: y grows downwards, so counter-clockwise is -y.
-    const double seen = std::atan2(-2 * xy, xx - yy) / 2 * 180 / M_PI;
+    const double seen = std::atan2(-2 * m.xy, m.xx - m.yy) / 2 * 180 / M_PI;
     EXPECT_NEAR(std::remainder(seen - degrees, 180.0), 0, 2) << length << " at " << degrees;
   }
 }
@@ -112,15 +110,7 @@ TEST_F(DeconvPsfRestores, ADrawnPsfRestoresAsWellAsAHandMadeOne) {
   const float white = 255;
   CImg<float>(9, 9, 1, 1, 0).draw_gaussian(4, 4, 2.0f, &white).round().save_pnm((dir / "hand.pgm").c_str());
   const CImg<float> sharp = load(dir / "sharp.pgm");
-  const auto psnr = [&](const std::string& name) {
-    const CImg<float> img = load(dir / name);
-    double best = 0;
-    for (int dy = -2; dy <= 2; ++dy)
-      for (int dx = -2; dx <= 2; ++dx)
-        best = std::max(best, img.get_crop(20 + dx, 20 + dy, img.width() - 21 + dx, img.height() - 21 + dy)
-                                  .PSNR(sharp.get_crop(20, 20, img.width() - 21, img.height() - 21)));
-    return best;
-  };
+  const auto psnr = [&](const std::string& name) { return interior_psnr(load(dir / name), sharp, 20, 2); };
   for (const char* psf : {"drawn.png", "hand.pgm"})
     ASSERT_EQ(dir.run(std::string("blurred.pgm ") + psf + " restored-" + psf + ".pgm 2").first, 0) << psf;
   const double blurred = psnr("blurred.pgm"), with_drawn = psnr("restored-drawn.png.pgm"),

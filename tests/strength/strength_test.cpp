@@ -19,12 +19,6 @@ namespace {
 constexpr int side = 160, border = 20;
 const int grid[] = {1, 2, 3, 5, 10, 20, 30, 50, 100};
 
-CImg<float> load(const std::string& path) {
-  CImg<float> img;
-  load_image(img, path.c_str());
-  return img;
-}
-
 // The crop at (x, y) of the photograph blurred by `psf`, with Gaussian noise
 // of `noise` times 255, rounded and clamped to bytes.
 CImg<float> blurred(const CImg<float>& photo, const CImg<float>& psf, int x, int y, double noise, unsigned seed) {
@@ -46,17 +40,6 @@ CImg<float> restored(const CImg<float>& picture, const CImg<float>& psf, int str
   engine.deconv_nonblind(output, image, kernel);
   for (float& v : output) v = (float)to_file_value(v, 255);
   return output;
-}
-
-// PSNR over the interior at the best whole-pixel offset (the result stands
-// one pixel toward +x and +y, by design).
-double psnr(const CImg<float>& result, const CImg<float>& sharp) {
-  double best = 0;
-  for (int dy = -2; dy <= 2; ++dy)
-    for (int dx = -2; dx <= 2; ++dx)
-      best = std::max(best, result.get_crop(border + dx, border + dy, side - 1 - border + dx, side - 1 - border + dy)
-                                .PSNR(sharp.get_crop(border, border, side - 1 - border, side - 1 - border), 255));
-  return best;
 }
 
 int chosen(const TempDir& dir, const CImg<float>& picture, const CImg<float>& psf) {
@@ -100,12 +83,12 @@ TEST_F(Strength, TheChoiceRestoresNearlyAsWellAsTheBestOfTheGridAndBetterThanThe
         ASSERT_TRUE(strength >= 1 && strength <= 200) << photo.name << " " << noise;
         double best = 0, fallback = 0;
         for (const int s : grid) {
-          const double value = psnr(restored(picture, psf, s), sharp);
+          const double value = interior_psnr(restored(picture, psf, s), sharp, border, 2);
           best = std::max(best, value);
           if (s == 10) fallback = value;
         }
         Sums& sums = by_noise[noise];
-        sums.chosen += psnr(restored(picture, psf, strength), sharp);
+        sums.chosen += interior_psnr(restored(picture, psf, strength), sharp, border, 2);
         sums.best += best, sums.fallback += fallback, ++sums.cases;
       }
   }

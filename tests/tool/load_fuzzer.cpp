@@ -18,6 +18,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 #include "tool/image_io.h"
@@ -56,32 +57,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* const path = name.c_str();
   const int free_before = lowest_free_descriptor();
   try {
-    switch (data[0] % 8) {
-      case 0:
-        img.load_pnm(path);
-        break;
-      case 1:
-        img.load_pfm(path);
-        break;
-      case 2:  // as the route hands it over: refused and RLE headers never reach the reader
-        if (inspect_bmp(path) == BmpHeader::native) img.load_bmp(path);
-        break;
-      case 3:
-        img.load_ascii(path);
-        break;
-      case 4:
-        img.load_dlm(path);
-        break;
-      case 5:
-        img.load_inr(path);
-        break;
-      case 6:
-        img.load_pandore(path);
-        break;
-      case 7:
-        img.load_cimg(path);
-        break;
-    }
+    const std::function<void()> readers[] = {
+        [&] { img.load_pnm(path); },
+        [&] { img.load_pfm(path); },
+        [&] {  // as the route hands it over: refused and RLE headers never reach the reader
+          if (inspect_bmp(path) == BmpHeader::native) img.load_bmp(path);
+        },
+        [&] { img.load_ascii(path); },
+        [&] { img.load_dlm(path); },
+        [&] { img.load_inr(path); },
+        [&] { img.load_pandore(path); },
+        [&] { img.load_cimg(path); }};
+    readers[data[0] % 8]();
   } catch (cimg_library::CImgException&) {
   }
   if (lowest_free_descriptor() > free_before) close(free_before);  // the one file a reader opened

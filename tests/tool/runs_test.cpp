@@ -15,11 +15,6 @@ int count(const std::string& text, const std::string& word) {
   return n;
 }
 
-CImg<float> load(const std::string& path) {
-  CImg<float> img;
-  load_image(img, path.c_str());
-  return img;
-}
 
 class Runs : public SemaphoreTest {
  protected:
@@ -198,18 +193,6 @@ TEST_F(Runs, PicturesThatEndTheProcessLeaveTheOutputAlone) {
   EXPECT_EQ(load(dir / "black.pnm").max(), 0);
 }
 
-// PSNR against the sharp picture over the interior (16 pixels of border left
-// out, where the taper works), at the best whole-pixel offset within s: the
-// restoration stands one pixel toward +x and +y by design.
-double psnr(const CImg<float>& a, const CImg<float>& sharp, int s) {
-  double best = 0;
-  for (int dy = -s; dy <= s; ++dy)
-    for (int dx = -s; dx <= s; ++dx)
-      best = std::max(best, a.get_crop(16 + dx, 16 + dy, a.width() - 17 + dx, a.height() - 17 + dy)
-                                .PSNR(sharp.get_crop(16, 16, a.width() - 17, a.height() - 17)));
-  return best;
-}
-
 CImg<float> gaussian(int size, float sigma) {
   const float white = 255;
   return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
@@ -246,8 +229,8 @@ TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
     c.psf.save_pnm((dir / "psf.pnm").c_str());
     ASSERT_EQ(dir.run("blurred.pnm psf.pnm restored.pnm 2 95 " + std::to_string(c.strength)).first, 0);
     // The 1 x 1 PSF's "blurred" copy is exact, at infinite PSNR.
-    const double before = std::min(45.0, psnr(load(dir / "blurred.pnm"), sharp, c.max_shift));
-    const double after = psnr(load(dir / "restored.pnm"), sharp, c.max_shift);
+    const double before = std::min(45.0, interior_psnr(load(dir / "blurred.pnm"), sharp, 16, c.max_shift));
+    const double after = interior_psnr(load(dir / "restored.pnm"), sharp, 16, c.max_shift);
     std::printf("%s %dx%d: blurred %.2f dB, restored %.2f dB\n", c.photo, c.w, c.h, before, after);
     EXPECT_GT(after, before + c.gain_db) << c.photo << " " << c.w << "x" << c.h;
   }

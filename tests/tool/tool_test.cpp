@@ -9,11 +9,6 @@
 
 namespace {
 
-CImg<float> load(const std::string& path) {
-  CImg<float> img;
-  load_image(img, path.c_str());
-  return img;
-}
 
 TEST(ValueRanges, ScaleNormaliseAndClampInTheirOwnPrecision) {
   TempDir dir;
