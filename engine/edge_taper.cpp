@@ -42,25 +42,11 @@ void CDeconv::fftconv(CImg<float>& result, CImg<float>& image, CImg<float>& kern
   fft_convolve(result, image, kernel, &fft_mutex);
 }
 
-void CDeconv::taper_edges(CImg<float>& image, const int taper_width, const bool use_gaussian) {
-  sem_wait(psf_fft_done);  // pass the latch and leave it open for the next job
-  sem_post(psf_fft_done);
+namespace {
 
-  const int t = taper_width;
-  CImg<float> blurred;  // the convolution gives it the plane's size
-  // The blur keeps the PSF's one-pixel displacement: it is not re-aligned.
-  if (!use_gaussian) {
-    fftconv(blurred, image, psf_fft);
-  } else {
-    CImg<float> gaussian(width, height, 1, 1);
-    const float sigma = (float)t / 3.0f;
-    const float color = 255.0f;
-    gaussian.draw_gaussian((float)(width / 2), (float)(height / 2), CImg<float>::matrix(sigma, 0, 0, sigma),
-                           &color, 1.0f);
-    normalize_to_unit_sum(gaussian);
-    fftconv(blurred, image, gaussian);
-  }
-
+// Blends the band of width t along the borders of image towards blurred(x, y).
+template <class Blurred>
+void blend_borders(CImg<float>& image, const Blurred& blurred, const int width, const int height, const int t) {
   const int h = t / 2;
   const float s = (float)(1 / std::sqrt((double)(4 * t)));  // the float nearest 1/sqrt(4t)
   std::vector<float> column_weight(image.width());
@@ -84,4 +70,29 @@ void CDeconv::taper_edges(CImg<float>& image, const int taper_width, const bool 
       if (!whole_row && x == t) x = W - t;
     }
   }
+}
+
+}  // namespace
+
+void CDeconv::taper_edges(CImg<float>& image, const int taper_width, const bool use_gaussian) {
+  sem_wait(psf_fft_done);  // pass the latch and leave it open for the next job
+  sem_post(psf_fft_done);
+
+  const int t = taper_width;
+  // The blur keeps the PSF's one-pixel displacement: it is not re-aligned.
+  if (!use_gaussian) {
+    // Only the bands are read, so the blurred plane stays in the FFT buffer.
+    fft_convolve_read(
+        image, psf_fft, [&](const auto& blurred) { blend_borders(image, blurred, width, height, t); }, &fft_mutex);
+    return;
+  }
+  CImg<float> gaussian(width, height, 1, 1);
+  const float sigma = (float)t / 3.0f;
+  const float color = 255.0f;
+  gaussian.draw_gaussian((float)(width / 2), (float)(height / 2), CImg<float>::matrix(sigma, 0, 0, sigma), &color,
+                         1.0f);
+  normalize_to_unit_sum(gaussian);
+  CImg<float> blurred;  // the convolution gives it the plane's size
+  fftconv(blurred, image, gaussian);
+  blend_borders(image, blurred, width, height, t);
 }

@@ -23,30 +23,23 @@ CImgList<float> forward_spectrum(CImg<float> image, pthread_mutex_t* const mutex
   return spectrum;
 }
 
-void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<float>& kernel_fft,
-                  pthread_mutex_t* const mutex) {
+void require_spectrum_of_size(const CImgList<float>& kernel_fft, const CImg<float>& image) {
   const cimg_uint64 image_size = (cimg_uint64)image.width() * image.height() * image.depth() * image.spectrum();
   const CImg<float>& kernel_re = kernel_fft.size() ? kernel_fft[0] : CImg<float>::empty();
   const cimg_uint64 kernel_size =
       (cimg_uint64)kernel_re.width() * kernel_re.height() * kernel_re.depth() * kernel_re.spectrum();
   if (image_size != kernel_size || kernel_fft.size() != 2) throw 189;
+}
 
+void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<float>& kernel_fft,
+                  pthread_mutex_t* const mutex) {
+  require_spectrum_of_size(kernel_fft, image);
   // Each channel goes through its forward transform, the product with the
-  // kernel's spectrum (no conjugate) and the inverse, straight into the result.
+  // kernel's spectrum and the inverse, straight into the result.
   result.assign(image.width(), image.height(), image.depth(), image.spectrum());
-  const float* const p = kernel_fft[0].data();
-  const float* const q = kernel_fft[1].data();
   for (int c = 0; c < image.spectrum(); ++c) {
     CImg<float> out = result.get_shared_channel(c);
-    CImg<float>::FFT_filter(
-        image.get_shared_channel(c), out,
-        [p, q](auto& re, auto& im, const cimg_uint64 i) {
-          using V = std::decay_t<decltype(re)>;
-          const V a = re, b = im, pi = fft_copies::at<V>(p + i), qi = fft_copies::at<V>(q + i);
-          re = pi * a - qi * b;
-          im = a * qi + pi * b;
-        },
-        mutex);
+    CImg<float>::FFT_filter(image.get_shared_channel(c), out, spectrum_product(kernel_fft), mutex);
   }
 }
 

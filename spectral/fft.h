@@ -7,6 +7,8 @@
 #ifndef DECONV_SPECTRAL_FFT_H
 #define DECONV_SPECTRAL_FFT_H
 
+#include <type_traits>
+
 #include "tool/cimg_config.h"
 
 using cimg_library::CImg;
@@ -30,10 +32,39 @@ CImgList<float> forward_spectrum(CImg<float> image, pthread_mutex_t* mutex);
 void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImgList<float>& kernel_fft,
                   pthread_mutex_t* mutex);
 
+// The circular convolution of a one-channel image with a kernel spectrum, not
+// written out: read(sample) runs with sample(x, y), the result at (x, y) with
+// the bits fft_convolve would give, readable until the thread's next
+// transform. Throws 189 as fft_convolve does.
+template <class R>
+void fft_convolve_read(const CImg<float>& image, const CImgList<float>& kernel_fft, R read, pthread_mutex_t* mutex);
+
 // The same with a kernel in the image domain of any size, whose middle stands
 // for its origin (one pixel short, as place_kernel says). Not normalised: the
 // kernel's sum is the gain of the convolution.
 void fft_convolve(CImg<float>& result, const CImg<float>& image, const CImg<float>& kernel,
                   pthread_mutex_t* mutex);
+
+// The product with the kernel's spectrum (no conjugate), frequency by frequency.
+inline auto spectrum_product(const CImgList<float>& kernel_fft) {
+  const float* const p = kernel_fft[0].data();
+  const float* const q = kernel_fft[1].data();
+  return [p, q](auto& re, auto& im, const cimg_uint64 i) {
+    using V = std::decay_t<decltype(re)>;
+    const V a = re, b = im, pi = fft_copies::at<V>(p + i), qi = fft_copies::at<V>(q + i);
+    re = pi * a - qi * b;
+    im = a * qi + pi * b;
+  };
+}
+
+// Throws 189 unless kernel_fft is two planes holding as many samples as image.
+void require_spectrum_of_size(const CImgList<float>& kernel_fft, const CImg<float>& image);
+
+template <class R>
+void fft_convolve_read(const CImg<float>& image, const CImgList<float>& kernel_fft, R read,
+                       pthread_mutex_t* const mutex) {
+  require_spectrum_of_size(kernel_fft, image);
+  CImg<float>::FFT_filter_read(image, spectrum_product(kernel_fft), read, mutex);
+}
 
 #endif

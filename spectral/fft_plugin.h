@@ -9,8 +9,10 @@
 // Besides the plain transform of a pair of planes, two forms keep a spectrum
 // in FFTW's buffer instead of writing it out to planes: FFT_visit hands every
 // frequency of a real plane's transform to the caller, and FFT_filter changes
-// them and transforms back. Each transform in them is planned afresh under the
-// lock like any other; they only spare the copies out and back in.
+// them and transforms back, writing the result out or, with FFT_filter_read,
+// leaving it in the buffer for the caller to read where it needs. Each
+// transform in them is planned afresh under the lock like any other; they only
+// spare copies and planes.
 
 // The calling thread's FFTW buffer, kept from call to call, grown when a larger
 // transform comes and freed when the thread ends. Reusing it changes no result:
@@ -151,4 +153,22 @@ static void FFT_filter(const CImg<T>& in, CImg<T>& out, F filter, pthread_mutex_
   fftwf_execute(plan);
   _fft_store<true>(buffer, out._data, nullptr, W, H, D, _fft_scale(W, H, D));
   _fft_destroy(plan, mutex);
+}
+
+// FFT_filter on a plane, but the inverse stays in the calling thread's buffer:
+// read(sample) runs with sample(x, y), the real part at (x, y) divided as the
+// other forms divide it, so the same float they would write. For callers that
+// need only some of the samples; sample is valid until the thread's next
+// transform.
+template <class F, class R>
+static void FFT_filter_read(const CImg<T>& in, F filter, R read, pthread_mutex_t* const mutex) {
+  if (in._depth != 1) throw CImgInstanceException("CImg<%s>::FFT_filter_read() : Input is not a plane.", "float");
+  FFT_visit(in, filter, mutex);
+  const unsigned int W = in._width, H = in._height;
+  fftwf_complex* buffer;  // the same buffer: it only grows for larger sizes
+  const fftwf_plan plan = _fft_plan(W, H, 1, true, mutex, buffer);
+  fftwf_execute(plan);
+  _fft_destroy(plan, mutex);
+  const float n = _fft_scale(W, H, 1);
+  read([buffer, H, n](const int x, const int y) -> float { return buffer[(cimg_uint64)x * H + y][0] / n; });
 }

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 
 #include <complex>
+#include <cstring>
 #include <random>
 #include <thread>
 
@@ -134,6 +135,19 @@ TEST(FftConvolve, WhereTheKernelsOriginLandsAndItsGain) {
   EXPECT_NEAR(result.mean(), 2 * (image.mean() + 1), 1e-5);
 }
 
+TEST(FftConvolve, ReadInPlaceGivesTheWrittenBitsEverywhere) {
+  // Sizes with and without whole 4 x 4 tiles, and a single column.
+  for (const auto& [w, h] : {std::pair{12, 8}, {13, 7}, {1, 6}, {66, 5}}) {
+    const CImg<float> image = noise(w, h, 1, w), kernel = noise(w, h, 1, h);
+    const CImgList<float> spectrum = forward_spectrum(kernel, nullptr);
+    CImg<float> written, read(w, h);
+    fft_convolve(written, image, spectrum, nullptr);
+    fft_convolve_read(image, spectrum, [&](const auto& sample) { cimg_forXY(read, x, y) read(x, y) = sample(x, y); },
+                      nullptr);
+    EXPECT_EQ(std::memcmp(written.data(), read.data(), read.size() * sizeof(float)), 0) << w << "x" << h;
+  }
+}
+
 TEST(FftConvolve, ABadKernelSpectrumThrows189BeforeTouchingTheResult) {
   const CImgList<float> spectrum = forward_spectrum(CImg<float>(6, 4, 1, 1, 1.0f), nullptr);
   CImg<float> result;
@@ -141,6 +155,7 @@ TEST(FftConvolve, ABadKernelSpectrumThrows189BeforeTouchingTheResult) {
                                       {CImg<float>(6, 4), CImgList<float>(spectrum[0], spectrum[1], spectrum[0])},
                                       {CImg<float>(6, 5), spectrum}})
     EXPECT_EQ(thrown<int>([&] { fft_convolve(result, image, kernel, nullptr); }), "189");
+  EXPECT_EQ(thrown<int>([&] { fft_convolve_read(CImg<float>(6, 5), spectrum, [](const auto&) {}, nullptr); }), "189");
   EXPECT_TRUE(result.is_empty());
 }
 
