@@ -155,14 +155,15 @@ static void FFT_filter(const CImg<T>& in, CImg<T>& out, F filter, pthread_mutex_
   _fft_destroy(plan, mutex);
 }
 
-// FFT_filter on a plane, but the inverse stays in the calling thread's buffer:
+// FFT_filter on a single plane, but the inverse stays in the calling thread's buffer:
 // read(sample) runs with sample(x, y), the real part at (x, y) divided as the
 // other forms divide it, so the same float they would write. For callers that
 // need only some of the samples; sample is valid until the thread's next
 // transform.
 template <class F, class R>
 static void FFT_filter_read(const CImg<T>& in, F filter, R read, pthread_mutex_t* const mutex) {
-  if (in._depth != 1) throw CImgInstanceException("CImg<%s>::FFT_filter_read() : Input is not a plane.", "float");
+  if (in._depth != 1 || in._spectrum != 1)
+    throw CImgInstanceException("CImg<%s>::FFT_filter_read() : Input is not a single plane.", "float");
   FFT_visit(in, filter, mutex);
   const unsigned int W = in._width, H = in._height;
   fftwf_complex* buffer;  // the same buffer: it only grows for larger sizes
