@@ -1,0 +1,82 @@
+// libdeconv: restores blurred pictures by closed-form non-blind deconvolution
+// in the frequency domain, chooses the regularisation strength for a picture,
+// draws the PSFs of common blurs and estimates a PSF from a blurred picture.
+//
+// Pictures are float planes. Any number of calls may run at once, from any
+// number of threads and processes: every restoration has a pool of worker
+// threads and semaphores of its own, which nothing outside it can see. The
+// library never prints and never ends the process; every failure is a
+// deconv::Error whose message says what was wrong.
+#ifndef DECONV_DECONV_H
+#define DECONV_DECONV_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace deconv {
+
+class Error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A picture of `channels` planes of width x height samples. The planes stand
+// one after another, each row by row: sample (x, y) of channel c is
+// pixels[(c * height + y) * width + x]. Values are whatever the caller means
+// by them; restore() works on 0..1 as the files' full range.
+struct Image {
+  int width = 0;
+  int height = 0;
+  int channels = 0;
+  std::vector<float> pixels;
+
+  Image() = default;
+  Image(int width, int height, int channels);  // all samples 0
+
+  float& at(int x, int y, int c = 0) { return pixels[((size_t)c * height + y) * width + x]; }
+  float at(int x, int y, int c = 0) const { return pixels[((size_t)c * height + y) * width + x]; }
+  bool empty() const { return pixels.empty(); }
+};
+
+struct RestoreOptions {
+  // Regularisation in tenths of lambda, 0 to 200, as deconv's STRENGTH.
+  // Negative: chosen for the picture by choose_strength().
+  int strength = -1;
+  // Worker threads; 0 takes the machine's cores.
+  int workers = 0;
+  // The bare restoration stands one pixel off its input (the PSF's origin is
+  // taken one pixel short of its middle). align moves it back.
+  bool align = true;
+  // Clamp the result to 0..1. Off, a float result keeps its ringing.
+  bool clamp = false;
+};
+
+// Restores `blurred` with the blur `psf` (one plane of any size and scale: it
+// is centred on its first moment and normalised to sum 1). The result has
+// blurred's size and channels. With align and clamp off, and the picture's
+// samples divided by 255, the planes are those deconv computes before it
+// clamps and saves. Throws Error for an empty picture or PSF, a PSF of no
+// weight or one that is not finite, a strength above 200, or a picture too
+// small for the PSF's edge taper.
+Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
+
+// The same, taking the picture's planes over instead of copying them: for
+// large pictures, where a copy would cost memory.
+Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
+
+// The strength (1 to 200, tenths of lambda) expected to restore `blurred`
+// best with `psf`, by generalised cross-validation of the restoration's own
+// filter. The same number deconv-strength prints.
+int choose_strength(const Image& blurred, const Image& psf);
+
+// The PSF of a common blur, as deconv-psf draws it: a square of odd side, its
+// middle pixel at the blur's centre, the largest tap 1. `description` is one
+// of "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees counter-clockwise from
+// +x), "disk:RADIUS", "box:W,H"; lengths in pixels. Throws Error for anything
+// else, naming what was wrong.
+Image draw_psf(const std::string& description);
+
+}  // namespace deconv
+
+#endif

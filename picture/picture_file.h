@@ -1,0 +1,45 @@
+// Pictures on disk, read and written in the process through OpenImageIO: no
+// shell, no converter, no temporary file but the one a result is staged in.
+// Any format and depth OpenImageIO knows; samples are scaled by their own
+// range (8 bits by 255, 16 bits by 65535, floats as they are).
+#ifndef DECONV_PICTURE_PICTURE_FILE_H
+#define DECONV_PICTURE_PICTURE_FILE_H
+
+#include <OpenImageIO/imageio.h>
+
+#include <string>
+
+#include "deconv/deconv.h"
+
+enum class SampleDepth { u8, u16, f32 };
+
+// How a file's samples become floats.
+enum class SampleScale {
+  unit,  // 0..1 by the file's range
+  raw,   // the stored integers as they are (a PSF: only proportions count)
+};
+
+struct PictureFile {
+  deconv::Image image;  // the colour planes
+  deconv::Image alpha;  // the alpha plane, scaled like the colours, or empty
+  SampleDepth depth = SampleDepth::u8;
+  OIIO::ImageSpec spec;  // the file's metadata (EXIF, ICC profile, resolution)
+};
+
+// Reads the first subimage of `path`. Throws deconv::Error
+// "cannot read PATH: REASON".
+PictureFile read_picture(const std::string& path, SampleScale scale = SampleScale::unit);
+
+// The depth named on a command line: "8", "16" or "float"; false otherwise.
+bool parse_depth(const std::string& text, SampleDepth& depth);
+
+// Writes `image` (0..1 for integer depths: clamped, then multiplied by the
+// range and truncated) to `path` in the format its name says. `like`, when
+// given, lends its metadata; `alpha`, when not empty, is written as the last
+// channel. The file is written under a temporary name beside `path` and
+// renamed over it only once complete: a failure leaves `path` as it was and
+// no temporary file behind. Throws deconv::Error "cannot write PATH: REASON".
+void write_picture(const std::string& path, const deconv::Image& image, SampleDepth depth,
+                   const PictureFile* like = nullptr, const deconv::Image* alpha = nullptr);
+
+#endif
