@@ -8,7 +8,8 @@
 
 #include <pthread.h>  // the FFT entry takes a pthread mutex
 
-#include "spectral/fft_copies.h"  // used by the FFT entry inside CImg<T>
+#include "spectral/fft_copies.h"     // used by the FFT entry inside CImg<T>
+#include "spectral/fftw_planner.h"  // likewise
 
 #define cimg_display 0
 #define cimg_verbosity 2  // exception mode 2: every library exception reports on stderr
