@@ -5,8 +5,9 @@
 //   taper_and_gradient_master   PSF spectrum, derivative spectra, edge taper
 //   deconv_master               one frequency-domain solve per channel
 //
-// The pool is counted with three machine-wide named semaphores, so only one
-// engine may be alive on a machine at a time. Workers stop only by being
+// deconv's pool is counted with three machine-wide named semaphores, so only
+// one such engine may be alive on a machine at a time; engines made for the
+// library open semaphores of their own instead. Workers stop only by being
 // cancelled in the destructor; with no worker at all the first batch waits for
 // ever, which is how the design stands.
 #ifndef DECONV_ENGINE_DECONV_H
@@ -72,7 +73,15 @@ class CDeconv {
     int taper_width = 0;
   };
 
-  CDeconv(int worker_count, int strength);
+  // Which semaphores count the pool. deconv's engine opens the three names
+  // "WorkAvailableSemaphore", "WorkCompleteSemaphore" and "PsfFftDoneSemaphore",
+  // which the whole machine shares. A private engine opens names no other
+  // engine uses and unlinks them at once: nothing can attach to its counts,
+  // and nothing is left behind however the process ends.
+  enum SemaphoreScope : int32_t { SEMAPHORES_MACHINE = 0, SEMAPHORES_PRIVATE = 1 };
+
+  CDeconv(int worker_count, int strength);  // machine-wide semaphores
+  CDeconv(int worker_count, int strength, SemaphoreScope scope);
   virtual ~CDeconv();
 
   // Restores input into output (allocated by the caller at input's size). Both
@@ -83,6 +92,10 @@ class CDeconv {
   // published, then the first batch, which leaves psf_fft, S and N complete and
   // input tapered. What the solve would see, for those who judge it.
   void deconv_prepare(CImg<float>& input, CImg<float>& psf);
+
+  // The PSF as deconv_prepare makes it: on a zero canvas of 2w + 1 squared,
+  // centred on its first moment, normalised.
+  void prepare_psf(CImg<float>& psf);
 
   // The two batches, run on the calling thread.
   void taper_and_gradient_master(CImg<float>& image);
@@ -138,12 +151,14 @@ class CDeconv {
 
   std::vector<pthread_t> workers;
   std::queue<WorkItem_t*, std::deque<WorkItem_t*> > work_queue;
+  SemaphoreScope semaphore_scope;  // whether the destructor unlinks the names
 
  private:
   // The fan-out protocol shared by both masters (work_pool.cpp).
   void queue_job(std::vector<WorkItem_t*>& batch, WorkTypes kind, void* data);
   void wait_for_batch(const std::vector<WorkItem_t*>& batch);
   static void free_record(WorkItem_t* item);
+  void open_private_semaphores();
   void run_job(WorkItem_t* item);
 };
 

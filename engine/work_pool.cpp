@@ -2,17 +2,31 @@
 // pop one job from the queue, run it and post "WorkCompleteSemaphore". The
 // masters fan a batch out under queue_mutex and count its completions.
 #include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
 
 #include "engine/deconv.h"
 
-CDeconv::CDeconv(const int worker_count, const int strength) : reg_strength(strength) {
+CDeconv::CDeconv(const int worker_count, const int strength) : CDeconv(worker_count, strength, SEMAPHORES_MACHINE) {}
+
+CDeconv::CDeconv(const int worker_count, const int strength, const SemaphoreScope scope)
+    : reg_strength(strength), semaphore_scope(scope) {
   pthread_mutex_init(&fft_mutex, nullptr);
   pthread_mutex_init(&queue_mutex, nullptr);
   pthread_mutex_init(&accum_mutex, nullptr);
-  // No O_EXCL: a run attaches to whatever a crashed run left, counts included.
-  work_available = sem_open("WorkAvailableSemaphore", O_CREAT, 0600, 0);
-  work_complete = sem_open("WorkCompleteSemaphore", O_CREAT, 0600, 0);
-  psf_fft_done = sem_open("PsfFftDoneSemaphore", O_CREAT, 0600, 0);
+  if (scope == SEMAPHORES_PRIVATE) {
+    open_private_semaphores();
+  } else {
+    // No O_EXCL: a run attaches to whatever a crashed run left, counts included.
+    work_available = sem_open("WorkAvailableSemaphore", O_CREAT, 0600, 0);
+    work_complete = sem_open("WorkCompleteSemaphore", O_CREAT, 0600, 0);
+    psf_fft_done = sem_open("PsfFftDoneSemaphore", O_CREAT, 0600, 0);
+  }
   // A negative count widens to a huge size and fails here with length_error,
   // before any thread exists; the semaphores then stay behind.
   workers.resize(worker_count, pthread_t());
@@ -27,9 +41,39 @@ CDeconv::~CDeconv() {
   sem_close(work_available);
   sem_close(work_complete);
   sem_close(psf_fft_done);
+  if (semaphore_scope == SEMAPHORES_PRIVATE) return;  // unlinked when they were opened
   sem_unlink("WorkAvailableSemaphore");
   sem_unlink("WorkCompleteSemaphore");
   sem_unlink("PsfFftDoneSemaphore");
+}
+
+// Names made of the process, a count of the process's engines and the
+// semaphore's role, opened exclusively and unlinked at once. Only a name left
+// by a killed process whose number has come round again can be in the way:
+// the count then moves on.
+void CDeconv::open_private_semaphores() {
+  static std::atomic<unsigned long> engines_made{0};
+  sem_t** const targets[3] = {&work_available, &work_complete, &psf_fft_done};
+  for (int role = 0; role < 3; ++role) {
+    for (int attempt = 0;; ++attempt) {
+      char name[64];
+      std::snprintf(name, sizeof name, "/deconv.%ld.%lu.%d", (long)getpid(), engines_made++, role);
+      sem_t* const semaphore = sem_open(name, O_CREAT | O_EXCL, 0600, 0);
+      if (semaphore != SEM_FAILED) {
+        sem_unlink(name);
+        *targets[role] = semaphore;
+        break;
+      }
+      if (errno != EEXIST || attempt == 100) {
+        const int error = errno;
+        for (int made = 0; made < role; ++made) sem_close(*targets[made]);
+        pthread_mutex_destroy(&fft_mutex);
+        pthread_mutex_destroy(&queue_mutex);
+        pthread_mutex_destroy(&accum_mutex);
+        throw std::runtime_error(std::string("cannot open the engine's semaphores: ") + std::strerror(error));
+      }
+    }
+  }
 }
 
 void CDeconv::worker_setup(const int worker_count) {

@@ -7,7 +7,9 @@ set -euo pipefail
 packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
           googletest libgtest-dev libbenchmark-dev curl python3 gzip
           clang libclang-rt-14-dev dpkg-dev lintian man-db groff-base
-          parallel rsync openssh-server openssh-client time bc)
+          parallel rsync openssh-server openssh-client time bc
+          libopenimageio-dev openimageio-tools pkg-config
+          pybind11-dev python3-dev python3-numpy)
 root=$(cd "$(dirname "$0")/.." && pwd)
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"

@@ -10,42 +10,11 @@
 // Like deconv it uses the machine's named semaphores: one run at a time.
 #include <cstdio>
 #include <thread>
-#include <type_traits>
-#include <vector>
 
-#include "engine/deconv.h"
-#include "strength/choice.h"
+#include "strength/weigh.h"
 #include "tool/exit_status.h"
 #include "tool/image_io.h"
 #include "tool/value_range.h"
-
-namespace {
-
-// Adds every frequency of one tapered plane to `choice`.
-void weigh_plane(const CImg<float>& plane, const CDeconv& engine, StrengthChoice& choice, pthread_mutex_t* mutex) {
-  const float* const Hr = engine.psf_fft[0].data();
-  const float* const Hi = engine.psf_fft[1].data();
-  const float* const S = engine.fidelity_spectrum.data();
-  const float* const N = engine.smoothness_spectrum.data();
-  const auto one = [&](const float re, const float im, const size_t k) {
-    choice.add(S[k] * (Hr[k] * Hr[k] + Hi[k] * Hi[k]), N[k], re * re + im * im);
-  };
-  CImg<float>::FFT_visit(
-      plane,
-      [&](auto& re, auto& im, const cimg_uint64 k) {
-        if constexpr (std::is_same_v<std::decay_t<decltype(re)>, float>) {
-          one(re, im, k);
-        } else {  // four frequencies side by side
-          float r[4], i[4];
-          _mm_storeu_ps(r, re.v);
-          _mm_storeu_ps(i, im.v);
-          for (int j = 0; j < 4; ++j) one(r[j], i[j], k + j);
-        }
-      },
-      mutex);
-}
-
-}  // namespace
 
 int main(int argc, char** argv) {
   return run_with_exit_status([&] {
@@ -64,17 +33,10 @@ int main(int argc, char** argv) {
     CDeconv* const engine = new CDeconv(cores, 10);
     engine->deconv_prepare(image, psf);
 
-    // The planes on threads of their own, each with its own histogram.
-    std::vector<StrengthChoice> choices(image.spectrum());
-    std::vector<std::thread> threads;
-    for (int c = 0; c < image.spectrum(); ++c)
-      threads.emplace_back(
-          [&, c] { weigh_plane(image.get_shared_channel(c), *engine, choices[c], &engine->fft_mutex); });
-    for (std::thread& thread : threads) thread.join();
+    const StrengthChoice choice = weigh_picture(image, *engine);
     delete engine;
 
-    for (int c = 1; c < image.spectrum(); ++c) choices[0].merge(choices[c]);
-    std::printf("%d\n", choices[0].strength());
+    std::printf("%d\n", choice.strength());
     return 0;
   });
 }

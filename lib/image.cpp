@@ -1,0 +1,31 @@
+// The picture type of the public header, and the checks every entry makes on
+// the pictures it is given.
+#include <xmmintrin.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "lib/image_views.h"
+
+deconv::Image::Image(const int width, const int height, const int channels)
+    : width(width), height(height), channels(channels), pixels((size_t)width * height * channels, 0.0f) {}
+
+namespace libdeconv {
+
+void require_picture(const Image& image, const char* const what) {
+  if (image.width <= 0 || image.height <= 0 || image.channels <= 0)
+    throw Error(std::string(what) + " is empty");
+  if (image.pixels.size() != (size_t)image.width * image.height * image.channels)
+    throw Error(std::string(what) + " holds " + std::to_string(image.pixels.size()) + " samples, not width x height x channels = " +
+                std::to_string((size_t)image.width * image.height * image.channels));
+}
+
+DenormalsAsZero::DenormalsAsZero() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | 0x8040); }
+DenormalsAsZero::~DenormalsAsZero() { _mm_setcsr(saved_); }
+
+int worker_count(const int requested) {
+  if (requested < 0) throw Error("the worker count is negative");
+  return requested > 0 ? requested : (int)std::max(1u, std::thread::hardware_concurrency());
+}
+
+}  // namespace libdeconv

@@ -1,0 +1,236 @@
+// Pictures read and written through OpenImageIO. Integer files are read in
+// their own type and divided by their range in single precision, so that an
+// 8-bit picture gives exactly the samples deconv makes of it (v / 255.0f).
+// Results are staged under a temporary name in the target's folder and
+// renamed over the target only once they are complete.
+#include "picture/picture_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+namespace {
+
+using deconv::Error;
+using deconv::Image;
+
+[[noreturn]] void cannot_read(const std::string& path, const std::string& reason) {
+  throw Error("cannot read " + path + ": " + reason);
+}
+
+[[noreturn]] void cannot_write(const std::string& path, const std::string& reason) {
+  throw Error("cannot write " + path + ": " + reason);
+}
+
+// OpenImageIO says "Could not open file ..." where the system has a plainer word.
+std::string open_failure(const std::string& path) {
+  const std::string error = OIIO::geterror();
+  if (access(path.c_str(), F_OK) != 0) return std::strerror(errno);
+  if (access(path.c_str(), R_OK) != 0) return std::strerror(errno);
+  return error.empty() ? "not a picture this program can read" : error;
+}
+
+SampleDepth depth_of(const OIIO::TypeDesc& format) {
+  if (format == OIIO::TypeDesc::UINT8 || format == OIIO::TypeDesc::INT8) return SampleDepth::u8;
+  if (format == OIIO::TypeDesc::UINT16 || format == OIIO::TypeDesc::INT16) return SampleDepth::u16;
+  return SampleDepth::f32;
+}
+
+// Interleaved samples of type T into planes, each divided by `range`
+// (or taken as they are for range 0).
+template <class T>
+void deinterleave(const std::vector<T>& samples, const int channels, const float range, const std::vector<Image*>& planes,
+                  const std::vector<int>& sources) {
+  const size_t pixels = samples.size() / channels;
+  for (size_t p = 0; p < planes.size(); ++p) {
+    Image& plane = *planes[p];
+    const int c0 = sources[p];
+    for (int c = 0; c < plane.channels; ++c) {
+      float* const out = plane.pixels.data() + (size_t)c * pixels;
+      const T* in = samples.data() + c0 + c;
+      if (range > 0)
+        for (size_t i = 0; i < pixels; ++i, in += channels) out[i] = (float)*in / range;
+      else
+        for (size_t i = 0; i < pixels; ++i, in += channels) out[i] = (float)*in;
+    }
+  }
+}
+
+template <class T>
+void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::TypeDesc type, const float range,
+                  PictureFile& picture, const int colours) {
+  const OIIO::ImageSpec& spec = in.spec();
+  std::vector<T> samples((size_t)spec.width * spec.height * spec.nchannels);
+  if (!in.read_image(0, 0, 0, spec.nchannels, type, samples.data())) cannot_read(path, in.geterror());
+  std::vector<Image*> planes{&picture.image};
+  std::vector<int> sources{0};
+  if (spec.alpha_channel >= 0) {
+    planes.push_back(&picture.alpha);
+    sources.push_back(spec.alpha_channel);
+  }
+  (void)colours;
+  deinterleave(samples, spec.nchannels, range, planes, sources);
+}
+
+}  // namespace
+
+PictureFile read_picture(const std::string& path, const SampleScale scale) {
+  auto in = OIIO::ImageInput::open(path);
+  if (!in) cannot_read(path, open_failure(path));
+  PictureFile picture;
+  picture.spec = in->spec();
+  const OIIO::ImageSpec& spec = picture.spec;
+  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) cannot_read(path, "the picture is empty");
+  if (spec.depth > 1) cannot_read(path, "a volume, not a picture");
+  // The alpha channel, if any, is the last one: colours stand before it.
+  const bool has_alpha = spec.alpha_channel >= 0 && spec.alpha_channel == spec.nchannels - 1 && spec.nchannels > 1;
+  if (!has_alpha) picture.spec.alpha_channel = -1;
+  const int colours = has_alpha ? spec.nchannels - 1 : spec.nchannels;
+  picture.image = Image(spec.width, spec.height, colours);
+  if (has_alpha) picture.alpha = Image(spec.width, spec.height, 1);
+  picture.depth = depth_of(spec.format);
+  const bool unit = scale == SampleScale::unit;
+  switch (picture.depth) {
+    case SampleDepth::u8:
+      read_samples<uint8_t>(*in, path, OIIO::TypeDesc::UINT8, unit ? 255.0f : 0.0f, picture, colours);
+      break;
+    case SampleDepth::u16:
+      read_samples<uint16_t>(*in, path, OIIO::TypeDesc::UINT16, unit ? 65535.0f : 0.0f, picture, colours);
+      break;
+    case SampleDepth::f32:
+      read_samples<float>(*in, path, OIIO::TypeDesc::FLOAT, 0.0f, picture, colours);
+      break;
+  }
+  return picture;
+}
+
+bool parse_depth(const std::string& text, SampleDepth& depth) {
+  if (text == "8") depth = SampleDepth::u8;
+  else if (text == "16") depth = SampleDepth::u16;
+  else if (text == "float") depth = SampleDepth::f32;
+  else return false;
+  return true;
+}
+
+namespace {
+
+// A result's sample in a file of `maximum` (255 or 65535): clamped to 0..1,
+// scaled in single precision and truncated, as deconv saves its results; NaN
+// is 0.
+template <class T>
+T to_sample(float unit, const float maximum) {
+  unit = unit < 0 ? 0.0f : unit > 1 ? 1.0f : unit;
+  const float scaled = unit * maximum;
+  return scaled == scaled ? (T)scaled : 0;
+}
+
+template <class T>
+std::vector<T> interleave(const Image& image, const Image* alpha, const float maximum) {
+  const int channels = image.channels + (alpha ? 1 : 0);
+  const size_t pixels = (size_t)image.width * image.height;
+  std::vector<T> samples(pixels * channels);
+  for (int c = 0; c < channels; ++c) {
+    const float* in = c < image.channels ? image.pixels.data() + c * pixels : alpha->pixels.data();
+    T* out = samples.data() + c;
+    for (size_t i = 0; i < pixels; ++i, out += channels) {
+      if constexpr (std::is_same_v<T, float>)
+        *out = in[i];
+      else
+        *out = to_sample<T>(in[i], maximum);
+    }
+  }
+  return samples;
+}
+
+// A name beside `path` that nothing else has: ".NAME.XXXXXX.EXT", made empty
+// by mkstemps so that no other run can take it.
+std::string staging_name(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
+  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
+  const size_t dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+  std::string staged = folder + "." + name + ".XXXXXX" + extension;
+  const int fd = mkstemps(&staged[0], (int)extension.size());
+  if (fd < 0) cannot_write(path, std::strerror(errno));
+  // mkstemps makes it private; the result takes the mode any new file would.
+  const mode_t mask = umask(0);
+  umask(mask);
+  fchmod(fd, 0666 & ~mask);
+  close(fd);
+  return staged;
+}
+
+// The spec of the file to write: the metadata of `like` (or none), the
+// picture's size, the channels and the depth asked for.
+OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDepth depth, const PictureFile* like) {
+  const OIIO::TypeDesc type = depth == SampleDepth::u8    ? OIIO::TypeDesc::UINT8
+                              : depth == SampleDepth::u16 ? OIIO::TypeDesc::UINT16
+                                                          : OIIO::TypeDesc::FLOAT;
+  const int channels = image.channels + (alpha ? 1 : 0);
+  OIIO::ImageSpec spec(image.width, image.height, channels, type);
+  if (like) {
+    spec.extra_attribs = like->spec.extra_attribs;
+    spec.x = like->spec.x, spec.y = like->spec.y;
+  }
+  spec.channelnames.clear();
+  static const char* const rgb[] = {"R", "G", "B"};
+  for (int c = 0; c < image.channels; ++c)
+    spec.channelnames.push_back(image.channels == 1 ? "Y" : c < 3 ? rgb[c] : "C" + std::to_string(c));
+  if (alpha) spec.channelnames.push_back("A");
+  spec.alpha_channel = alpha ? image.channels : -1;
+  // The file's own encoding of the old samples does not describe the new ones.
+  spec.erase_attribute("oiio:BitsPerSample");
+  spec.erase_attribute("oiio:UnassociatedAlpha");
+  return spec;
+}
+
+void write_staged(const std::string& staged, const std::string& path, const OIIO::ImageSpec& spec,
+                  const void* samples) {
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out) cannot_write(path, "no format for this name (" + OIIO::geterror() + ")");
+  if (!out->open(staged, spec)) cannot_write(path, out->geterror());
+  const bool written = out->write_image(spec.format, samples);
+  const bool closed = out->close();
+  if (!written || !closed || out->has_error()) cannot_write(path, out->geterror());
+}
+
+// Whether the staged file reached the disk whole: the writers of some formats
+// do not look at the results of their own writes.
+void require_flushed(const std::string& staged, const std::string& path) {
+  const int fd = open(staged.c_str(), O_RDONLY);
+  if (fd < 0 || fsync(fd) != 0) {
+    const int error = errno;
+    if (fd >= 0) close(fd);
+    cannot_write(path, std::strerror(error));
+  }
+  close(fd);
+}
+
+}  // namespace
+
+void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
+                   const Image* alpha) {
+  if (alpha && alpha->empty()) alpha = nullptr;
+  const OIIO::ImageSpec spec = spec_for(image, alpha, depth, like);
+  const std::string staged = staging_name(path);
+  try {
+    if (depth == SampleDepth::u8)
+      write_staged(staged, path, spec, interleave<uint8_t>(image, alpha, 255.0f).data());
+    else if (depth == SampleDepth::u16)
+      write_staged(staged, path, spec, interleave<uint16_t>(image, alpha, 65535.0f).data());
+    else
+      write_staged(staged, path, spec, interleave<float>(image, alpha, 0.0f).data());
+    require_flushed(staged, path);
+    if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
+  } catch (...) {
+    std::remove(staged.c_str());
+    throw;
+  }
+}

@@ -1,0 +1,101 @@
+#include "restore/options.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+const char* const help =
+    "usage: deconv-restore [OPTIONS] INPUT OUTPUT\n"
+    "\n"
+    "Restores a blurred picture of any depth (8-bit, 16-bit or float; PNG, JPEG,\n"
+    "TIFF, PNM, EXR, FITS, ...) and writes the result in the format OUTPUT's name\n"
+    "says. OUTPUT is replaced only by a complete picture.\n"
+    "\n"
+    "  --psf FILE|KIND:N[,N]|auto  the blur: a picture of it, or gaussian:SIGMA,\n"
+    "                              motion:LENGTH,ANGLE, disk:RADIUS, box:W,H\n"
+    "                              (pixels, degrees), or auto to estimate it\n"
+    "  --strength N|auto           regularisation in tenths, 0 to 200 (default: auto)\n"
+    "  --workers N                 worker threads (default: the machine's cores)\n"
+    "  --depth 8|16|float          the result's samples (default: the input's)\n"
+    "  --no-align                  keep the restoration one pixel off, as deconv does\n"
+    "  --help, --version\n"
+    "\n"
+    "Exit status: 0 restored, 1 bad command line, 11 a picture that cannot be\n"
+    "read, written or restored.\n";
+
+int refuse(const std::string& message) {
+  std::fprintf(stderr, "deconv-restore: %s (see deconv-restore --help)\n", message.c_str());
+  return 1;
+}
+
+// A whole decimal number from `lowest` to `highest`.
+bool whole_number(const char* text, const long lowest, const long highest, int& value) {
+  char* end = nullptr;
+  errno = 0;
+  const long n = std::strtol(text, &end, 10);
+  if (end == text || *end || errno || n < lowest || n > highest) return false;
+  value = (int)n;
+  return true;
+}
+
+}  // namespace
+
+int parse_restore_command(const int argc, char** const argv, RestoreCommand& command) {
+  std::vector<std::string> positional;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(help, stdout);
+      return 0;
+    }
+    if (arg == "--version") {
+      std::printf("deconv-restore %s\n", DECONV_VERSION);
+      return 0;
+    }
+    if (arg == "--no-align") {
+      command.align = false;
+      continue;
+    }
+    if (arg == "--") {
+      for (++i; i < argc; ++i) positional.push_back(argv[i]);
+      break;
+    }
+    if (arg.size() > 1 && arg[0] == '-') {
+      const size_t equals = arg.find('=');
+      const std::string name = arg.substr(0, equals);
+      if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth")
+        return refuse("unknown option '" + arg + "'");
+      std::string value;
+      if (equals != std::string::npos)
+        value = arg.substr(equals + 1);
+      else if (i + 1 < argc)
+        value = argv[++i];
+      else
+        return refuse(name + " needs a value");
+      if (name == "--psf") {
+        command.psf = value;
+      } else if (name == "--strength") {
+        if (value == "auto")
+          command.strength = -1;
+        else if (!whole_number(value.c_str(), 0, 200, command.strength))
+          return refuse("--strength takes a whole number from 0 to 200, or auto, not '" + value + "'");
+      } else if (name == "--workers") {
+        if (!whole_number(value.c_str(), 1, 1024, command.workers))
+          return refuse("--workers takes a whole number from 1 to 1024, not '" + value + "'");
+      } else {
+        if (!parse_depth(value, command.depth)) return refuse("--depth takes 8, 16 or float, not '" + value + "'");
+        command.depth_given = true;
+      }
+      continue;
+    }
+    positional.push_back(arg);
+  }
+  if (positional.size() != 2) return refuse("needs INPUT and OUTPUT");
+  if (command.psf.empty()) return refuse("needs --psf");
+  command.input = positional[0];
+  command.output = positional[1];
+  return -1;
+}

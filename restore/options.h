@@ -1,0 +1,24 @@
+// The command line of deconv-restore.
+#ifndef DECONV_RESTORE_OPTIONS_H
+#define DECONV_RESTORE_OPTIONS_H
+
+#include <string>
+
+#include "picture/picture_file.h"
+
+struct RestoreCommand {
+  std::string input, output;
+  std::string psf;       // a file, "KIND:N[,N]", or "auto"
+  int strength = -1;     // tenths of lambda; -1 for auto
+  int workers = 0;       // 0: the machine's cores
+  bool align = true;
+  bool depth_given = false;
+  SampleDepth depth = SampleDepth::u8;
+};
+
+// Reads argv into `command`. Returns -1 when the command is to run; otherwise
+// the status to exit with: 0 after --help or --version (printed on stdout),
+// 1 for a bad command line (one line on stderr).
+int parse_restore_command(int argc, char** argv, RestoreCommand& command);
+
+#endif
