@@ -15,6 +15,8 @@
 #include <cstring>
 #include <memory>
 
+#include <OpenImageIO/filesystem.h>
+
 namespace {
 
 using deconv::Error;
@@ -191,29 +193,72 @@ OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDep
   return spec;
 }
 
-void write_staged(const std::string& staged, const std::string& path, const OIIO::ImageSpec& spec,
-                  const void* samples) {
-  auto out = OIIO::ImageOutput::create(path);
-  if (!out) cannot_write(path, "no format for this name (" + OIIO::geterror() + ")");
-  if (!out->open(staged, spec)) cannot_write(path, out->geterror());
-  const bool written = out->write_image(spec.format, samples);
-  const bool closed = out->close();
-  if (!written || !closed || out->has_error()) cannot_write(path, out->geterror());
+// Writers do not all look at the results of their own writes: a full disk
+// can leave a short file behind a reported success. Where the format allows,
+// the file is encoded in memory and written out here, every write checked.
+void write_all(const std::string& staged, const std::string& path, const std::vector<unsigned char>& bytes) {
+  const int fd = open(staged.c_str(), O_WRONLY | O_TRUNC);
+  if (fd < 0) cannot_write(path, std::strerror(errno));
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const int error = n < 0 ? errno : ENOSPC;
+      close(fd);
+      cannot_write(path, std::strerror(error));
+    }
+    done += (size_t)n;
+  }
+  if (close(fd) != 0) cannot_write(path, std::strerror(errno));
 }
 
-// Whether the staged file reached the disk whole: the writers of some formats
-// do not look at the results of their own writes.
-void require_flushed(const std::string& staged, const std::string& path) {
-  const int fd = open(staged.c_str(), O_RDONLY);
-  if (fd < 0 || fsync(fd) != 0) {
-    const int error = errno;
-    if (fd >= 0) close(fd);
-    cannot_write(path, std::strerror(error));
+// The first line of an OpenImageIO error, which may repeat itself line after line.
+std::string first_line(const std::string& error) {
+  const std::string line = error.substr(0, error.find('\n'));
+  return line.empty() ? "the writer failed" : line;
+}
+
+// Where the format cannot be encoded in memory (FITS, SGI), the staged file is
+// read back whole instead.
+void require_readable(const std::string& staged, const std::string& path, const OIIO::ImageSpec& spec) {
+  // A writer that seeks past what it could not write leaves holes, which read
+  // back as zeros.
+  struct stat status;
+  if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
+    cannot_write(path, "the file written is incomplete (is the disk full?)");
+  auto in = OIIO::ImageInput::open(staged);
+  std::vector<float> samples((size_t)spec.width * spec.height * spec.nchannels);
+  if (!in || in->spec().width != spec.width || in->spec().height != spec.height ||
+      !in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, samples.data()))
+    cannot_write(path, "the file written cannot be read back (is the disk full?)");
+}
+
+void write_staged(const std::string& staged, const std::string& path, OIIO::ImageSpec spec, const void* samples) {
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out) cannot_write(path, "no format for this name");
+  if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
+  std::vector<unsigned char> bytes;
+  OIIO::Filesystem::IOVecOutput memory(bytes);
+  const bool in_memory = out->supports("ioproxy");
+  if (in_memory) {
+    void* proxy = &memory;
+    spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
   }
-  close(fd);
+  if (!out->open(staged, spec)) cannot_write(path, first_line(out->geterror()));
+  const bool written = out->write_image(spec.format, samples);
+  const bool closed = out->close();
+  if (!written || !closed || out->has_error()) cannot_write(path, first_line(out->geterror()));
+  if (in_memory)
+    write_all(staged, path, bytes);
+  else
+    require_readable(staged, path, spec);
 }
 
 }  // namespace
+
+void require_known_format(const std::string& path) {
+  if (!OIIO::ImageOutput::create(path)) cannot_write(path, "no format for this name");
+}
 
 void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
                    const Image* alpha) {
@@ -227,7 +272,6 @@ void write_picture(const std::string& path, const Image& image, const SampleDept
       write_staged(staged, path, spec, interleave<uint16_t>(image, alpha, 65535.0f).data());
     else
       write_staged(staged, path, spec, interleave<float>(image, alpha, 0.0f).data());
-    require_flushed(staged, path);
     if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
   } catch (...) {
     std::remove(staged.c_str());

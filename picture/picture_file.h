@@ -33,6 +33,10 @@ PictureFile read_picture(const std::string& path, SampleScale scale = SampleScal
 // The depth named on a command line: "8", "16" or "float"; false otherwise.
 bool parse_depth(const std::string& text, SampleDepth& depth);
 
+// Throws deconv::Error "cannot write PATH: no format for this name" unless
+// some writer knows `path`'s format: for a command to fail before its work.
+void require_known_format(const std::string& path);
+
 // Writes `image` (0..1 for integer depths: clamped, then multiplied by the
 // range and truncated) to `path` in the format its name says. `like`, when
 // given, lends its metadata; `alpha`, when not empty, is written as the last

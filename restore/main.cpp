@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
   const int status = parse_restore_command(argc, argv, command);
   if (status >= 0) return status;
   try {
+    require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
     deconv::Image psf;
     try {

@@ -1,0 +1,174 @@
+// The library: the same numbers as deconv, an aligned result, errors in place
+// of the engine's fatal paths, and engines that run at once without meeting.
+#include <dirent.h>
+#include <gmock/gmock.h>
+
+#include <cmath>
+#include <thread>
+
+#include "deconv/deconv.h"
+#include "engine/deconv.h"
+#include "tests/support.h"
+#include "tool/value_range.h"
+
+namespace {
+
+deconv::Image to_image(const CImg<float>& img) {
+  deconv::Image image(img.width(), img.height(), img.spectrum());
+  std::copy(img.begin(), img.end(), image.pixels.begin());
+  return image;
+}
+
+// A crop of a test photograph, 0..1.
+deconv::Image photo(const char* name, int x, int y, int w, int h) {
+  CImg<float> img = load(std::string(DECONV_TESTDATA) + "/" + name).get_crop(x, y, x + w - 1, y + h - 1);
+  scale_to_unit(img);
+  return to_image(img);
+}
+
+// `sharp` blurred by `psf` around its middle pixel, borders reflected.
+deconv::Image blur(const deconv::Image& sharp, const deconv::Image& psf) {
+  deconv::Image out(sharp.width, sharp.height, sharp.channels);
+  double total = 0;
+  for (float p : psf.pixels) total += p;
+  const int r = psf.width / 2;
+  const auto reflect = [](int i, int n) { return i < 0 ? -i - 1 : i >= n ? 2 * n - i - 1 : i; };
+  for (int c = 0; c < sharp.channels; ++c)
+    for (int y = 0; y < sharp.height; ++y)
+      for (int x = 0; x < sharp.width; ++x) {
+        double sum = 0;
+        for (int j = 0; j < psf.height; ++j)
+          for (int i = 0; i < psf.width; ++i)
+            sum += psf.at(i, j) * sharp.at(reflect(x + r - i, sharp.width), reflect(y + r - j, sharp.height), c);
+        out.at(x, y, c) = (float)(sum / total);
+      }
+  return out;
+}
+
+// Mean squared error over the interior, the result taken (dx, dy) away.
+double interior_mse(const deconv::Image& result, const deconv::Image& sharp, int dx, int dy, int border = 16) {
+  double sum = 0;
+  long n = 0;
+  for (int c = 0; c < sharp.channels; ++c)
+    for (int y = border; y < sharp.height - border; ++y)
+      for (int x = border; x < sharp.width - border; ++x, ++n) {
+        const double d = result.at(x + dx, y + dy, c) - sharp.at(x, y, c);
+        sum += d * d;
+      }
+  return sum / n;
+}
+
+class Library : public SemaphoreTest {};
+
+// With align and clamp off, an 8-bit picture divided by 255 restores to the
+// very floats deconv's engine makes of it, grey and colour.
+TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
+  const deconv::Image psf = deconv::draw_psf("motion:9,30");
+  for (const deconv::Image& sharp : {photo("camera.png", 100, 60, 160, 120), photo("coffee.png", 200, 100, 150, 101)}) {
+    const deconv::Image blurred = blur(sharp, psf);
+    deconv::RestoreOptions options;
+    options.strength = 10, options.workers = 1, options.align = false;
+    const deconv::Image ours = deconv::restore(blurred, psf, options);
+
+    CImg<float> input(blurred.pixels.data(), blurred.width, blurred.height, 1, blurred.channels),
+        kernel(psf.pixels.data(), psf.width, psf.height), output(input.width(), input.height(), 1, input.spectrum());
+    normalize_to_unit_sum(kernel);
+    flush_denormals_to_zero();
+    CDeconv engine(1, 10);
+    engine.deconv_nonblind(output, input, kernel);
+    ASSERT_EQ(ours.pixels.size(), output.size());
+    EXPECT_TRUE(std::equal(ours.pixels.begin(), ours.pixels.end(), output.begin())) << blurred.channels;
+  }
+}
+
+// An aligned restoration matches the sharp picture best where it stands; the
+// bare one a pixel toward +x and +y. It is far closer than the blurred input.
+TEST_F(Library, AlignedResultStandsOnItsPicture) {
+  const deconv::Image sharp = photo("astronaut.png", 150, 60, 200, 160), psf = deconv::draw_psf("gaussian:2");
+  const deconv::Image blurred = blur(sharp, psf);
+  deconv::RestoreOptions options;
+  options.strength = 2, options.workers = 2;
+  const deconv::Image aligned = deconv::restore(blurred, psf, options);
+  options.align = false;
+  const deconv::Image bare = deconv::restore(blurred, psf, options);
+  for (int dy = -1; dy <= 1; ++dy)
+    for (int dx = -1; dx <= 1; ++dx) {
+      if (dx || dy) EXPECT_LT(interior_mse(aligned, sharp, 0, 0), interior_mse(aligned, sharp, dx, dy));
+      if (dx != 1 || dy != 1) EXPECT_LT(interior_mse(bare, sharp, 1, 1), interior_mse(bare, sharp, dx, dy));
+    }
+  EXPECT_LT(interior_mse(aligned, sharp, 0, 0), interior_mse(blurred, sharp, 0, 0) / 2);
+
+  options.clamp = true;
+  const deconv::Image clamped = deconv::restore(blurred, psf, options);
+  EXPECT_EQ(*std::min_element(clamped.pixels.begin(), clamped.pixels.end()), 0.0f);
+  EXPECT_EQ(*std::max_element(clamped.pixels.begin(), clamped.pixels.end()), 1.0f);
+}
+
+// What would end or hang deconv's process is an error here, with its reason.
+TEST_F(Library, RefusesWhatWouldEndOrHangTheEngine) {
+  const deconv::Image picture = photo("camera.png", 0, 0, 64, 64), psf = deconv::draw_psf("gaussian:1");
+  deconv::Image zeros(5, 5, 1), not_finite = psf, wrong_size = psf;
+  not_finite.at(2, 2) = NAN;
+  wrong_size.pixels.pop_back();
+  deconv::RestoreOptions strong, negative;
+  strong.strength = 201, negative.workers = -1;
+  const struct {
+    deconv::Image picture, psf;
+    deconv::RestoreOptions options;
+    const char* reason;
+  } cases[] = {
+      {deconv::Image(), psf, {}, "the picture is empty"},
+      {picture, deconv::Image(), {}, "the PSF is empty"},
+      {picture, zeros, {}, "positive weight"},
+      {picture, not_finite, {}, "not finite"},
+      {picture, wrong_size, {}, "samples, not width x height"},
+      {picture, psf, strong, "above 200"},
+      {picture, psf, negative, "worker count is negative"},
+      // The edge taper's walk would never end on this picture.
+      {photo("camera.png", 0, 0, 20, 100), deconv::draw_psf("gaussian:2"), {}, "too small for this PSF"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_THAT(thrown<deconv::Error>([&] { deconv::restore(c.picture, c.psf, c.options); }),
+                ::testing::HasSubstr(c.reason));
+  }
+  EXPECT_THAT(thrown<deconv::Error>([&] { deconv::draw_psf("motion:9"); }), ::testing::HasSubstr("takes LENGTH ANGLE"));
+}
+
+std::vector<std::string> shared_memory_names() {
+  std::vector<std::string> names;
+  if (DIR* dir = opendir("/dev/shm")) {
+    while (dirent* entry = readdir(dir)) names.push_back(entry->d_name);
+    closedir(dir);
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// Eight restorations and strength choices at once in one process: each as it
+// would be alone, and no name left in /dev/shm nor the machine's names made.
+TEST_F(Library, EnginesRunAtOnceWithoutMeeting) {
+  const deconv::Image sharp = photo("chelsea.png", 50, 40, 150, 120), psf = deconv::draw_psf("disk:3");
+  const deconv::Image blurred = blur(sharp, psf);
+  deconv::RestoreOptions options;
+  options.strength = 5, options.workers = 1;  // one worker: the float sums come in one order
+  const deconv::Image alone = deconv::restore(blurred, psf, options);
+  const int chosen = deconv::choose_strength(blurred, psf);
+  const std::vector<std::string> before = shared_memory_names();
+
+  std::vector<deconv::Image> results(8);
+  std::vector<int> strengths(8);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i)
+    threads.emplace_back([&, i] {
+      results[i] = deconv::restore(blurred, psf, options);
+      strengths[i] = deconv::choose_strength(blurred, psf);
+    });
+  for (std::thread& t : threads) t.join();
+  for (int i = 0; i < 8; ++i) {
+    EXPECT_EQ(results[i].pixels, alone.pixels) << i;
+    EXPECT_EQ(strengths[i], chosen) << i;
+  }
+  EXPECT_EQ(shared_memory_names(), before);
+}
+
+}  // namespace
