@@ -17,6 +17,8 @@
 
 #include <OpenImageIO/filesystem.h>
 
+#include <algorithm>
+
 namespace {
 
 using deconv::Error;
@@ -150,25 +152,6 @@ std::vector<T> interleave(const Image& image, const Image* alpha, const float ma
   return samples;
 }
 
-// A name beside `path` that nothing else has: ".NAME.XXXXXX.EXT", made empty
-// by mkstemps so that no other run can take it.
-std::string staging_name(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  const std::string folder = slash == std::string::npos ? "" : path.substr(0, slash + 1);
-  const std::string name = slash == std::string::npos ? path : path.substr(slash + 1);
-  const size_t dot = name.rfind('.');
-  const std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
-  std::string staged = folder + "." + name + ".XXXXXX" + extension;
-  const int fd = mkstemps(&staged[0], (int)extension.size());
-  if (fd < 0) cannot_write(path, std::strerror(errno));
-  // mkstemps makes it private; the result takes the mode any new file would.
-  const mode_t mask = umask(0);
-  umask(mask);
-  fchmod(fd, 0666 & ~mask);
-  close(fd);
-  return staged;
-}
-
 // The spec of the file to write: the metadata of `like` (or none), the
 // picture's size, the channels and the depth asked for.
 OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDepth depth, const PictureFile* like) {
@@ -193,23 +176,75 @@ OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDep
   return spec;
 }
 
-// Writers do not all look at the results of their own writes: a full disk
-// can leave a short file behind a reported success. Where the format allows,
-// the file is encoded in memory and written out here, every write checked.
-void write_all(const std::string& staged, const std::string& path, const std::vector<unsigned char>& bytes) {
-  const int fd = open(staged.c_str(), O_WRONLY | O_TRUNC);
+// The folder of `path` ("." for a bare name) and its name within it.
+std::pair<std::string, std::string> split_path(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return {".", path};
+  return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+// The mode any new file would get here: mkstemps and O_TMPFILE make theirs private.
+mode_t new_file_mode() {
+  const mode_t mask = umask(0);
+  umask(mask);
+  return 0666 & ~mask;
+}
+
+// A file beside `path` under a name nothing else has, ".NAME.XXXXXX.EXT",
+// open for writing.
+int open_staged(const std::string& path, std::string& staged) {
+  const auto [folder, name] = split_path(path);
+  const size_t dot = name.rfind('.');
+  const std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+  staged = folder + "/." + name + ".XXXXXX" + extension;
+  const int fd = mkstemps(&staged[0], (int)extension.size());
   if (fd < 0) cannot_write(path, std::strerror(errno));
+  fchmod(fd, new_file_mode());
+  return fd;
+}
+
+void write_all(const int fd, const std::string& path, const std::vector<unsigned char>& bytes) {
   for (size_t done = 0; done < bytes.size();) {
     const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      const int error = n < 0 ? errno : ENOSPC;
-      close(fd);
-      cannot_write(path, std::strerror(error));
-    }
+    if (n <= 0) cannot_write(path, std::strerror(n < 0 ? errno : ENOSPC));
     done += (size_t)n;
   }
-  if (close(fd) != 0) cannot_write(path, std::strerror(errno));
+}
+
+// Puts `bytes` in place as `path`, all or nothing: written to a file with no
+// name in the target's folder (so that a process killed meanwhile leaves
+// nothing), named once complete, then renamed over the target. Where the file
+// system has no unnamed files, a staged name is written instead.
+void publish(const std::string& path, const std::vector<unsigned char>& bytes) {
+  std::string staged;
+  int fd = open(split_path(path).first.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, new_file_mode());
+  const bool unnamed = fd >= 0;
+  if (!unnamed) {
+    if (errno != EOPNOTSUPP && errno != EISDIR && errno != EINVAL) cannot_write(path, std::strerror(errno));
+    fd = open_staged(path, staged);
+  }
+  try {
+    write_all(fd, path, bytes);
+    if (unnamed) {
+      // linkat cannot replace a file: the name is taken by a staged file that is then replaced.
+      close(open_staged(path, staged));
+      std::remove(staged.c_str());
+      const std::string self = "/proc/self/fd/" + std::to_string(fd);
+      if (linkat(AT_FDCWD, self.c_str(), AT_FDCWD, staged.c_str(), AT_SYMLINK_FOLLOW) != 0)
+        cannot_write(path, std::strerror(errno));
+    }
+    if (close(fd) != 0) {
+      fd = -1;
+      cannot_write(path, std::strerror(errno));
+    }
+    fd = -1;
+    if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
+  } catch (...) {
+    if (fd >= 0) close(fd);
+    if (!staged.empty()) std::remove(staged.c_str());
+    throw;
+  }
 }
 
 // The first line of an OpenImageIO error, which may repeat itself line after line.
@@ -218,40 +253,85 @@ std::string first_line(const std::string& error) {
   return line.empty() ? "the writer failed" : line;
 }
 
-// Where the format cannot be encoded in memory (FITS, SGI), the staged file is
-// read back whole instead.
-void require_readable(const std::string& staged, const std::string& path, const OIIO::ImageSpec& spec) {
-  // A writer that seeks past what it could not write leaves holes, which read
-  // back as zeros.
-  struct stat status;
-  if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
-    cannot_write(path, "the file written is incomplete (is the disk full?)");
-  auto in = OIIO::ImageInput::open(staged);
-  std::vector<float> samples((size_t)spec.width * spec.height * spec.nchannels);
-  if (!in || in->spec().width != spec.width || in->spec().height != spec.height ||
-      !in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, samples.data()))
-    cannot_write(path, "the file written cannot be read back (is the disk full?)");
+// Where a format cannot be encoded in memory (TIFF, FITS, SGI), its writer writes a
+// staged file itself, and it is read back whole: such writers do not all look
+// at the results of their own writes, and one that seeks past what it could
+// not write leaves holes, which read back as zeros.
+void write_through_file(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& spec,
+                        const void* samples) {
+  std::string staged;
+  close(open_staged(path, staged));
+  try {
+    if (!out.open(staged, spec)) cannot_write(path, first_line(out.geterror()));
+    const bool written = out.write_image(spec.format, samples);
+    if (!out.close() || !written) cannot_write(path, first_line(out.geterror()));
+    struct stat status;
+    if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
+      cannot_write(path, "the file written is incomplete (is the disk full?)");
+    auto in = OIIO::ImageInput::open(staged);
+    std::vector<float> check((size_t)spec.width * spec.height * spec.nchannels);
+    if (!in || in->spec().width != spec.width || in->spec().height != spec.height ||
+        !in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, check.data()))
+      cannot_write(path, "the file written cannot be read back (is the disk full?)");
+    if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
+  } catch (...) {
+    std::remove(staged.c_str());
+    throw;
+  }
 }
 
-void write_staged(const std::string& staged, const std::string& path, OIIO::ImageSpec spec, const void* samples) {
+// A file in memory that writers may also read back and write over, as the
+// TIFF writer does with its directories.
+class MemoryFile : public OIIO::Filesystem::IOProxy {
+ public:
+  explicit MemoryFile(std::vector<unsigned char>& bytes) : IOProxy("", Write), bytes_(bytes) {}
+  const char* proxytype() const override { return "memory"; }
+  size_t read(void* buf, const size_t size) override {
+    const size_t n = pread(buf, size, m_pos);
+    m_pos += (int64_t)n;
+    return n;
+  }
+  size_t write(const void* buf, const size_t size) override {
+    const size_t n = pwrite(buf, size, m_pos);
+    m_pos += (int64_t)n;
+    return n;
+  }
+  size_t pread(void* buf, const size_t size, const int64_t offset) override {
+    if (offset < 0 || (size_t)offset >= bytes_.size()) return 0;
+    const size_t n = std::min(size, bytes_.size() - (size_t)offset);
+    std::memcpy(buf, bytes_.data() + offset, n);
+    return n;
+  }
+  size_t pwrite(const void* buf, const size_t size, const int64_t offset) override {
+    if (offset < 0) return 0;
+    if (bytes_.size() < (size_t)offset + size) bytes_.resize((size_t)offset + size);
+    std::memcpy(bytes_.data() + offset, buf, size);
+    return size;
+  }
+  size_t size() const override { return bytes_.size(); }
+
+ private:
+  std::vector<unsigned char>& bytes_;
+};
+
+// Encodes the samples in the format `path`'s name says, in memory where the
+// writer allows it (it does not look at the results of its own writes), and
+// puts the file in place.
+void encode(const std::string& path, OIIO::ImageSpec spec, const void* samples) {
   auto out = OIIO::ImageOutput::create(path);
   if (!out) cannot_write(path, "no format for this name");
   if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
+  // The TIFF writer loses its directory in memory when the Exif one fails to go.
+  if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))
+    return write_through_file(*out, path, spec, samples);
   std::vector<unsigned char> bytes;
-  OIIO::Filesystem::IOVecOutput memory(bytes);
-  const bool in_memory = out->supports("ioproxy");
-  if (in_memory) {
-    void* proxy = &memory;
-    spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
-  }
-  if (!out->open(staged, spec)) cannot_write(path, first_line(out->geterror()));
+  MemoryFile memory(bytes);
+  void* proxy = &memory;
+  spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
+  if (!out->open(path, spec)) cannot_write(path, first_line(out->geterror()));
   const bool written = out->write_image(spec.format, samples);
-  const bool closed = out->close();
-  if (!written || !closed || out->has_error()) cannot_write(path, first_line(out->geterror()));
-  if (in_memory)
-    write_all(staged, path, bytes);
-  else
-    require_readable(staged, path, spec);
+  if (!out->close() || !written) cannot_write(path, first_line(out->geterror()));
+  publish(path, bytes);
 }
 
 }  // namespace
@@ -264,17 +344,10 @@ void write_picture(const std::string& path, const Image& image, const SampleDept
                    const Image* alpha) {
   if (alpha && alpha->empty()) alpha = nullptr;
   const OIIO::ImageSpec spec = spec_for(image, alpha, depth, like);
-  const std::string staged = staging_name(path);
-  try {
-    if (depth == SampleDepth::u8)
-      write_staged(staged, path, spec, interleave<uint8_t>(image, alpha, 255.0f).data());
-    else if (depth == SampleDepth::u16)
-      write_staged(staged, path, spec, interleave<uint16_t>(image, alpha, 65535.0f).data());
-    else
-      write_staged(staged, path, spec, interleave<float>(image, alpha, 0.0f).data());
-    if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
-  } catch (...) {
-    std::remove(staged.c_str());
-    throw;
-  }
+  if (depth == SampleDepth::u8)
+    encode(path, spec, interleave<uint8_t>(image, alpha, 255.0f).data());
+  else if (depth == SampleDepth::u16)
+    encode(path, spec, interleave<uint16_t>(image, alpha, 65535.0f).data());
+  else
+    encode(path, spec, interleave<float>(image, alpha, 0.0f).data());
 }
