@@ -170,8 +170,12 @@ OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDep
     spec.channelnames.push_back(image.channels == 1 ? "Y" : c < 3 ? rgb[c] : "C" + std::to_string(c));
   if (alpha) spec.channelnames.push_back("A");
   spec.alpha_channel = alpha ? image.channels : -1;
-  // The file's own encoding of the old samples does not describe the new ones.
-  spec.erase_attribute("oiio:BitsPerSample");
+  // The file's own encoding of the old samples does not describe the new ones;
+  // some writers (PNM) take their depth from it.
+  if (depth == SampleDepth::f32)
+    spec.erase_attribute("oiio:BitsPerSample");
+  else
+    spec.attribute("oiio:BitsPerSample", depth == SampleDepth::u8 ? 8 : 16);
   spec.erase_attribute("oiio:UnassociatedAlpha");
   return spec;
 }

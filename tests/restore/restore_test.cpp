@@ -1,0 +1,167 @@
+// deconv-restore: pictures of every depth restored as the library restores
+// them, runs at once that do not meet, and files that are either complete or
+// untouched.
+#include <dirent.h>
+#include <gmock/gmock.h>
+
+#include <cmath>
+
+#include "picture/picture_file.h"
+#include "tests/support.h"
+
+namespace {
+
+std::string shell(const std::string& command) {  // stdout and stderr, with the status on the last line
+  std::string out;
+  FILE* pipe = popen((command + " 2>&1; echo \"status $?\"").c_str(), "r");
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  pclose(pipe);
+  return out;
+}
+
+const std::string restore_binary = DECONV_RESTORE_BINARY;
+
+// Runs deconv-restore in `dir` in a mount namespace of its own, after
+// `mounts` and before `after`: its status, and what it and `after` print.
+std::pair<int, std::string> restore(const TempDir& dir, const std::string& args, const std::string& mounts = "",
+                                    const std::string& after = ":") {
+  const std::string out = shell("cd '" + dir.path + "' && unshare -rm sh -c '" + mounts + " " + restore_binary + " " +
+                                args + "; s=$?; " + after + "; exit $s'");
+  const size_t last = out.rfind("status ");
+  return {std::atoi(out.c_str() + last + 7), out.substr(0, last)};
+}
+
+deconv::Image photo(const char* name, int x, int y, int w, int h, bool grey) {
+  CImg<float> img = load(std::string(DECONV_TESTDATA) + "/" + name).get_crop(x, y, x + w - 1, y + h - 1);
+  if (grey) img.channel(0);
+  deconv::Image image(img.width(), img.height(), img.spectrum());
+  for (size_t i = 0; i < img.size(); ++i) image.pixels[i] = img[i] / 255.0f;
+  return image;
+}
+
+// An ICC profile with a header and no tags, which PNG's checks accept.
+std::vector<unsigned char> smallest_rgb_profile() {
+  std::vector<unsigned char> icc(132, 0);
+  const auto put = [&](size_t at, const char* four) { std::copy(four, four + 4, icc.begin() + at); };
+  icc[3] = 132;  // size, big-endian
+  icc[8] = 2, icc[9] = 0x10;  // version 2.1
+  put(12, "mntr"), put(16, "RGB "), put(20, "XYZ "), put(36, "acsp");
+  const unsigned char d50[12] = {0, 0, 0xF6, 0xD6, 0, 1, 0, 0, 0, 0, 0xD3, 0x2D};  // the PCS illuminant
+  std::copy(d50, d50 + 12, icc.begin() + 68);
+  return icc;
+}
+
+class Restore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    psf = deconv::draw_psf("gaussian:1.5");
+    write_picture(dir / "psf.png", psf, SampleDepth::u16);
+  }
+  // The library's result for a file, as deconv-restore --strength 10 makes it.
+  deconv::Image reference(const std::string& name) {
+    deconv::RestoreOptions options;
+    options.strength = 10, options.workers = 1;  // one worker: the float sums come in one order
+    return deconv::restore(read_picture(dir / name).image, read_picture(dir / "psf.png", SampleScale::raw).image,
+                           options);
+  }
+  TempDir dir;
+  deconv::Image psf;
+};
+
+// 16 bits stay 16 (each sample within one step of the library's float), float
+// stays float to the bit, and 8 bits without alignment are deconv's pixels.
+TEST_F(Restore, EveryDepthKeepsItsRange) {
+  write_picture(dir / "grey16.png", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::u16);
+  write_picture(dir / "colour16.tif", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
+  write_picture(dir / "float.tif", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::f32);
+  for (const char* name : {"grey16.png", "colour16.tif", "float.tif"}) {
+    ASSERT_EQ(restore(dir, std::string("--psf psf.png --strength 10 --workers 1 ") + name + " out-" + name).first, 0) << name;
+    const PictureFile out = read_picture(dir / ("out-" + std::string(name)));
+    const deconv::Image expected = reference(name);
+    ASSERT_EQ(out.image.pixels.size(), expected.pixels.size());
+    if (out.depth == SampleDepth::f32) {
+      EXPECT_EQ(out.image.pixels, expected.pixels) << name;
+      continue;
+    }
+    EXPECT_EQ(out.depth, SampleDepth::u16) << name;
+    double worst = 0;
+    for (size_t i = 0; i < expected.pixels.size(); ++i) {
+      const double step = std::round(out.image.pixels[i] * 65535.0);
+      worst = std::max(worst, std::fabs(step - std::min(1.0f, std::max(0.0f, expected.pixels[i])) * 65535.0));
+    }
+    EXPECT_LE(worst, 1.0) << name;
+  }
+
+  write_picture(dir / "colour8.png", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u8);
+  ASSERT_EQ(restore(dir, "--psf psf.png --depth 8 --no-align --strength 10 colour8.png ours.png").first, 0);
+  ASSERT_THAT(shell("cd " + dir.path + " && unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec " DECONV_BINARY
+                    " colour8.png psf.png theirs.png 1 95 10'"),
+              ::testing::EndsWith("status 0\n"));
+  EXPECT_EQ(read_picture(dir / "ours.png").image.pixels, read_picture(dir / "theirs.png").image.pixels);
+}
+
+std::string listing(const std::string& folder) {
+  return shell("ls -A " + folder);
+}
+
+// Eight runs at once, each as a lone run; one killed at work leaves nothing,
+// and the next is unharmed. All on the machine's own /dev/shm.
+TEST_F(Restore, RunsAtOnceNeitherMeetNorLeaveAnything) {
+  write_picture(dir / "in.png", photo("chelsea.png", 0, 0, 300, 200, false), SampleDepth::u8);
+  const std::string run = restore_binary + " --psf psf.png --strength 10 --workers 1 in.png";
+  const std::string shm = listing("/dev/shm");
+  ASSERT_THAT(shell("cd " + dir.path + " && " + run + " alone.png"), ::testing::EndsWith("status 0\n"));
+  shell("cd " + dir.path + " && for i in 0 1 2 3 4 5 6 7; do " + run + " at-once-$i.png & done; wait");
+  for (int i = 0; i < 8; ++i)
+    EXPECT_EQ(read_file(dir / ("at-once-" + std::to_string(i) + ".png")), read_file(dir / "alone.png")) << i;
+
+  write_picture(dir / "large.png", deconv::Image(1536, 1536, 3), SampleDepth::u8);  // long enough to be killed at work
+  for (const char* delay : {"0.05", "0.3", "0.6"})
+    shell("cd " + dir.path + " && " + restore_binary + " --psf psf.png large.png killed.png & sleep " + delay +
+          "; kill -KILL $!; wait");
+  EXPECT_EQ(listing("/dev/shm"), shm);
+  EXPECT_THAT(listing(dir.path), ::testing::Not(::testing::HasSubstr(".killed")));
+  ASSERT_THAT(shell("cd " + dir.path + " && " + run + " after.png"), ::testing::EndsWith("status 0\n"));
+  EXPECT_EQ(read_file(dir / "after.png"), read_file(dir / "alone.png"));
+}
+
+// Metadata goes over; every failure is one line naming the file and the
+// reason, a status of 11, and an OUTPUT left as it was.
+TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
+  PictureFile tagged;
+  tagged.image = photo("coffee.png", 200, 100, 100, 81, false);
+  const std::vector<unsigned char> profile = smallest_rgb_profile();
+  tagged.spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, (int)profile.size()), profile.data());
+  tagged.spec.attribute("Orientation", 6);
+  write_picture(dir / "tagged.jpg", tagged.image, SampleDepth::u8, &tagged);
+  ASSERT_EQ(restore(dir, "--psf psf.png tagged.jpg restored.jpg").first, 0);
+  const PictureFile restored = read_picture(dir / "restored.jpg");
+  EXPECT_EQ(restored.spec.get_int_attribute("Orientation"), 6);
+  const OIIO::ParamValue* icc = restored.spec.find_attribute("ICCProfile");
+  ASSERT_NE(icc, nullptr);
+  EXPECT_EQ(std::vector<unsigned char>((const unsigned char*)icc->data(),
+                                       (const unsigned char*)icc->data() + icc->type().size()),
+            profile);
+
+  write_file(dir / "junk.png", "not a picture");
+  const std::string tmpfs = "mkdir -p out && mount -t tmpfs -o size=";
+  const std::string kept = "cat out/kept.png; ls -A out";
+  const struct {
+    std::string args, mounts, after, output;
+  } failures[] = {
+      {"junk.png out/x.png", "", ":", "cannot read junk.png: Not a PNG file\n"},
+      {"tagged.jpg missing/x.png", "", ":", "cannot write missing/x.png: No such file or directory\n"},
+      {"tagged.jpg out/kept.png", tmpfs + "1m tmpfs out && echo kept > out/kept.png && mount -o remount,ro out &&", kept,
+       "cannot write out/kept.png: Read-only file system\nkept\nkept.png\n"},
+      {"tagged.jpg out/kept.png", tmpfs + "8k tmpfs out && echo kept > out/kept.png &&", kept,
+       "cannot write out/kept.png: No space left on device\nkept\nkept.png\n"},
+  };
+  for (const auto& f : failures) {
+    const auto [status, output] = restore(dir, "--psf psf.png " + f.args, f.mounts, f.after);
+    EXPECT_EQ(status, 11) << f.args;
+    EXPECT_EQ(output, "deconv-restore: " + f.output) << f.args;
+  }
+}
+
+}  // namespace
