@@ -66,7 +66,7 @@ TEST_F(Strength, NoiseRaisesTheChoice) {
 }
 
 // A JPEG empties its high frequencies of grain, which GCV over all of them
-// would take for a clean picture and answer 2 to 8, 1.5 to 4 dB below the
+// would take for a clean picture and answer 4 to 8, 1.4 and 2.7 dB below the
 // default on these two; the right choice is well above the default.
 TEST_F(Strength, OnAJpegTheChoiceBeatsTheDefault) {
   const struct {
