@@ -1,12 +1,13 @@
 #include "strength/choice.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 
-StrengthChoice::StrengthChoice() : bins_(1 << 16) {}
+StrengthHistogram::StrengthHistogram() : bins_(1 << 16) {}
 
-void StrengthChoice::add(const float P, const float N, const float power) {
+void StrengthHistogram::add(const float P, const float N, const float power) {
   if (!(N > 0)) return;
   const float r = P / N;  // non-negative
   uint32_t bits;
@@ -18,7 +19,7 @@ void StrengthChoice::add(const float P, const float N, const float power) {
   bin.r_power_sum += (double)r * power;
 }
 
-void StrengthChoice::merge(const StrengthChoice& other) {
+void StrengthHistogram::merge(const StrengthHistogram& other) {
   for (size_t i = 0; i < bins_.size(); ++i) {
     bins_[i].count += other.bins_[i].count;
     bins_[i].r_sum += other.bins_[i].r_sum;
@@ -27,7 +28,7 @@ void StrengthChoice::merge(const StrengthChoice& other) {
   }
 }
 
-double StrengthChoice::gcv(const double lambda) const {
+double StrengthHistogram::gcv(const double lambda) const {
   double n = 0, residual = 0, trace = 0;
   for (const Bin& bin : bins_) {
     if (!bin.count) continue;
@@ -42,9 +43,7 @@ double StrengthChoice::gcv(const double lambda) const {
   return trace > 0 ? n * residual / (trace * trace) : std::numeric_limits<double>::infinity();
 }
 
-int StrengthChoice::strength() const { return std::min(200, 2 * best(1, 200)); }
-
-int StrengthChoice::best(const int lowest, const int highest) const {
+int StrengthHistogram::best(const int lowest, const int highest) const {
   int best = lowest;
   double smallest = std::numeric_limits<double>::infinity();
   for (int strength = lowest; strength <= highest; ++strength) {
@@ -53,3 +52,13 @@ int StrengthChoice::best(const int lowest, const int highest) const {
   }
   return best;
 }
+
+bool StrengthChoice::coarse(const int64_t x, const int64_t y, const int64_t width, const int64_t height) {
+  // In halves of a cycle per pixel, so that Nyquist is 1 on both axes whatever
+  // the picture's shape; 0.575 by bench/strength_bench.cpp's evaluation.
+  const double fx = 2.0 * (double)std::min(x, width - x) / (double)width;
+  const double fy = 2.0 * (double)std::min(y, height - y) / (double)height;
+  return fx * fx + fy * fy < 0.575 * 0.575;
+}
+
+int StrengthChoice::strength() const { return std::min(200, 2 * std::max(all.best(1, 200), coarse_band.best(1, 200))); }

@@ -12,8 +12,10 @@ void weigh_plane(const CImg<float>& plane, const CDeconv& engine, StrengthChoice
   const float* const Hi = engine.psf_fft[1].data();
   const float* const S = engine.fidelity_spectrum.data();
   const float* const N = engine.smoothness_spectrum.data();
+  const int64_t width = plane.width(), height = plane.height();
   const auto one = [&](const float re, const float im, const size_t k) {
-    choice.add(S[k] * (Hr[k] * Hr[k] + Hi[k] * Hi[k]), N[k], re * re + im * im);
+    choice.add(S[k] * (Hr[k] * Hr[k] + Hi[k] * Hi[k]), N[k], re * re + im * im,
+               StrengthChoice::coarse((int64_t)k % width, (int64_t)k / width, width, height));
   };
   CImg<float>::FFT_visit(
       plane,
