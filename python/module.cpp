@@ -116,6 +116,8 @@ int strength_from(const py::object& strength) {
 
 int workers_from(const py::object& workers) {
   if (workers.is_none()) return 0;
+  if (!py::isinstance<py::int_>(workers) || py::isinstance<py::bool_>(workers))
+    throw py::type_error("workers must be a whole number, or None, not " + std::string(py::repr(workers)));
   const long value = workers.cast<long>();
   if (value < 1 || value > 1024)
     throw deconv::Error("workers must be from 1 to 1024, or None for the machine's cores, not " +
