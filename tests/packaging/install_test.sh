@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # `cmake --install` into a temporary prefix: exactly the files listed in
-# installed_files.txt, every manual page rendering without a warning, and the
+# installed_files.txt, every manual page rendering without a warning, the
 # installed commands restoring the installed example from a folder outside
-# the source tree.
+# the source tree, libdeconv exporting nothing but namespace deconv, a program
+# built on it through pkg-config and through find_package(deconv), and the
+# Python module importing from the prefix.
 set -euo pipefail
 build=$1 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$(mktemp -d) work=$(mktemp -d)
@@ -24,3 +26,27 @@ examples=$prefix/share/doc/deconv/examples
 "$prefix/bin/deconv" "$examples/astronaut_blurred.png" psf.png with-drawn.png 2
 [ "$(identify -format '%w %h' restored.png)" = "320 320" ]
 [ "$(identify -format '%w %h' with-drawn.png)" = "320 320" ]
+
+# Outside /usr the programs and the module find libdeconv by the path only.
+libdir=$prefix/lib/x86_64-linux-gnu
+export LD_LIBRARY_PATH=$libdir
+"$prefix/bin/deconv-restore" --psf "$examples/motion_psf.png" "$examples/astronaut_blurred.png" restored.exr
+[ "$(identify -format '%w %h' restored.exr)" = "320 320" ]
+nm -D --defined-only "$libdir/libdeconv.so.1" | c++filt | (! grep -v ' deconv::')
+
+consumer=$here/consumer
+# shellcheck disable=SC2046  # pkg-config's words are separate arguments
+g++ -o with-pkg-config "$consumer/main.cpp" $(PKG_CONFIG_PATH=$libdir/pkgconfig pkg-config --cflags --libs deconv)
+cmake -S "$consumer" -B with-cmake -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+cmake --build with-cmake >/dev/null
+for program in ./with-pkg-config with-cmake/consumer; do
+  diff <("$program" | cut -c1-43) - <<'EOF'
+64x48x3 0.5000 0.5000
+PSF 'blob:1': unknown kind 'blob': gaussian
+EOF
+done
+
+PYTHONPATH=$prefix/lib/python3/dist-packages /usr/bin/python3 -c "
+import deconv, sys
+assert deconv.__file__.startswith(sys.argv[1]), deconv.__file__
+assert deconv.draw_psf('disk:2').shape == (5, 5)" "$prefix"

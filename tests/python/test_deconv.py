@@ -1,0 +1,152 @@
+"""The Python module against deconv-restore on the same files, its reading of
+numpy's types and layouts, its threads, and its errors.
+
+Runs with the module's folder on PYTHONPATH, DECONV_RESTORE naming the
+command and DECONV_TESTDATA the photographs (tests/CMakeLists.txt sets them)."""
+import os
+import subprocess
+import tempfile
+import threading
+import unittest
+
+import numpy as np
+import OpenImageIO as oiio
+
+import deconv
+
+RESTORE = os.environ.get("DECONV_RESTORE", "deconv-restore")
+TESTDATA = os.environ["DECONV_TESTDATA"]
+
+
+def picture(shape, seed=1):
+    """A part of a photograph, in 0..1, grey when `shape` is 2-D; `seed`
+    picks the part."""
+    photo = read_floats(os.path.join(TESTDATA, "astronaut.png"))
+    top, left = 40 * seed, 30 * seed
+    part = photo[top:top + 2 * shape[0]:2, left:left + 2 * shape[1]:2, :shape[2] if len(shape) == 3 else 3]
+    return part if len(shape) == 3 else part.mean(axis=2)
+
+
+def write_picture(path, array):
+    spec = oiio.ImageSpec(array.shape[1], array.shape[0], array.shape[2] if array.ndim == 3 else 1,
+                          {np.uint8: "uint8", np.uint16: "uint16", np.float32: "float"}[array.dtype.type])
+    out = oiio.ImageOutput.create(path)
+    # The binding takes a 2-D array for something else than one channel.
+    samples = np.ascontiguousarray(array.reshape(array.shape[:2] + (-1,)))
+    assert out.open(path, spec) and out.write_image(samples) and out.close(), out.geterror()
+
+
+def read_floats(path):
+    source = oiio.ImageInput.open(path)
+    samples = source.read_image("float")
+    source.close()
+    return samples
+
+
+class SameAsCommand(unittest.TestCase):
+    def test_restores_as_deconv_restore(self):
+        psf = "motion:9,30"
+        for dtype, shape, align in [(np.uint8, (48, 64), False), (np.uint8, (40, 56, 3), True),
+                                    (np.uint16, (48, 64), True), (np.uint16, (40, 56, 3), False),
+                                    (np.float32, (48, 64), False), (np.float32, (40, 56, 3), True)]:
+            with self.subTest(dtype=dtype.__name__, shape=shape, align=align), tempfile.TemporaryDirectory() as work:
+                blurred = picture(shape)
+                if dtype != np.float32:
+                    blurred = (blurred * np.iinfo(dtype).max).astype(dtype)
+                else:
+                    blurred = blurred.astype(np.float32)
+                source = os.path.join(work, "in.exr" if dtype == np.float32 else "in.png")
+                out = os.path.join(work, "out.exr")
+                write_picture(source, blurred)
+                subprocess.run([RESTORE, "--psf", psf, "--strength", "10", "--workers", "1", "--depth", "float"] +
+                               ([] if align else ["--no-align"]) + [source, out], check=True)
+                result = deconv.restore(blurred, deconv.draw_psf(psf), strength=10, align=align, workers=1)
+                self.assertEqual(result.dtype, np.float32)
+                self.assertEqual(result.shape, blurred.shape)
+                np.testing.assert_array_equal(result.reshape(result.shape[:2] + (-1,)), read_floats(out))
+
+
+class Reading(unittest.TestCase):
+    """Every type and layout is read as its equivalent in float32 0..1."""
+
+    def test_types_and_layouts(self):
+        psf = deconv.draw_psf("gaussian:1.5")
+        unit = picture((32, 40, 3), seed=2)
+        cases = {
+            "int16 by 32767": ((unit * 32767).astype(np.int16), (unit * 32767).astype(np.int16) / np.float32(32767)),
+            "int8 by 127": ((unit * 127).astype(np.int8), (unit * 127).astype(np.int8) / np.float32(127)),
+            "bool as 0 and 1": (unit > 0.5, (unit > 0.5).astype(np.float32)),
+            "float64 rounded": (unit, unit.astype(np.float32)),
+            "big-endian uint16": ((unit * 65535).astype(">u2"), (unit * 65535).astype(np.uint16) / np.float32(65535)),
+            "flipped view": (unit.astype(np.float32)[::-1, ::-1], np.ascontiguousarray(unit.astype(np.float32)[::-1, ::-1])),
+            "channels last of a transpose": (unit.astype(np.float32).transpose(1, 0, 2),
+                                             np.ascontiguousarray(unit.astype(np.float32).transpose(1, 0, 2))),
+            "one channel of three dimensions": (unit[..., :1].astype(np.float32), unit[..., :1].astype(np.float32)),
+        }
+        for name, (given, same) in cases.items():
+            with self.subTest(name):
+                result = deconv.restore(given, psf, strength=10, workers=1)
+                self.assertEqual(result.shape, given.shape)
+                np.testing.assert_array_equal(result, deconv.restore(same.astype(np.float32), psf, strength=10, workers=1))
+
+    def test_psf_takes_first_channel_of_any_type(self):
+        blurred = picture((32, 40), seed=3).astype(np.float32)
+        psf = deconv.draw_psf("disk:2")
+        coloured = np.stack([psf, np.ones_like(psf), np.zeros_like(psf)], axis=2).astype(np.float64)
+        np.testing.assert_array_equal(deconv.restore(blurred, coloured, strength=10, workers=1),
+                                      deconv.restore(blurred, psf, strength=10, workers=1))
+
+    def test_auto_strength_is_the_chosen_one(self):
+        blurred = (picture((48, 48, 3), seed=4) * 255).astype(np.uint8)
+        psf = deconv.draw_psf("motion:9,30")
+        chosen = deconv.choose_strength(blurred, psf)
+        self.assertTrue(1 <= chosen <= 200)
+        np.testing.assert_array_equal(deconv.restore(blurred, psf, workers=1),
+                                      deconv.restore(blurred, psf, strength=chosen, workers=1))
+
+
+class Threads(unittest.TestCase):
+    def test_eight_threads_as_one(self):
+        blurred = (picture((96, 128, 3), seed=5) * 255).astype(np.uint8)
+        psf = deconv.draw_psf("motion:9,30")
+        alone = deconv.restore(blurred, psf, strength=10, workers=1)
+        results = [None] * 8
+
+        def run(i):
+            results[i] = deconv.restore(blurred, psf, strength=10, workers=1)
+
+        threads = [threading.Thread(target=run, args=(i,)) for i in range(8)]
+        for t in threads:
+            t.start()
+        for t in threads:
+            t.join()
+        for result in results:
+            np.testing.assert_array_equal(result, alone)
+        self.assertEqual([n for n in os.listdir("/dev/shm") if n.startswith("sem.deconv.%d." % os.getpid())], [])
+
+
+class Errors(unittest.TestCase):
+    def test_refusals_carry_the_message(self):
+        blurred = np.full((32, 32), 0.5, np.float32)
+        psf = deconv.draw_psf("box:3,3")
+        cases = [
+            (lambda: deconv.restore(blurred, np.zeros((3, 3))), deconv.Error, "positive weight"),
+            (lambda: deconv.restore(np.zeros((0, 5)), psf), deconv.Error, "the picture is empty"),
+            (lambda: deconv.restore(blurred, psf, strength=201), deconv.Error, "0 to 200"),
+            (lambda: deconv.restore(blurred, psf, strength="high"), TypeError, "auto"),
+            (lambda: deconv.restore(blurred, psf, workers=0), deconv.Error, "workers"),
+            (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not 4-D"),
+            (lambda: deconv.restore(blurred.astype(complex), psf), TypeError, "complex128"),
+            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25")), deconv.Error, "too small"),
+            (lambda: deconv.draw_psf("blob:1"), deconv.Error, "unknown kind 'blob'"),
+        ]
+        for call, kind, words in cases:
+            with self.subTest(words):
+                with self.assertRaises(kind) as raised:
+                    call()
+                self.assertIn(words, str(raised.exception))
+        self.assertTrue(issubclass(deconv.Error, ValueError))
+
+
+if __name__ == "__main__":
+    unittest.main()
