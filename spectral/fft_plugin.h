@@ -42,8 +42,8 @@ static fftwf_complex* _fft_buffer(const cimg_uint64 entries) {
 static fftwf_plan _fft_plan(const unsigned int W, const unsigned int H, const unsigned int D, const bool invert,
                             pthread_mutex_t* const mutex, fftwf_complex*& buffer) {
   if (mutex) pthread_mutex_lock(mutex);
-  pthread_mutex_lock(fftw_planner_mutex());  // the caller's lock alone does not cover other engines
   buffer = _fft_buffer((cimg_uint64)W * H * D);
+  pthread_mutex_lock(fftw_planner_mutex());  // the caller's lock alone does not cover other engines
   const fftwf_plan plan =
       fftwf_plan_dft_3d((int)W, (int)H, (int)D, buffer, buffer, invert ? FFTW_BACKWARD : FFTW_FORWARD, FFTW_ESTIMATE);
   pthread_mutex_unlock(fftw_planner_mutex());

@@ -13,7 +13,7 @@
 // This program's own fftwf_malloc and pthread_mutex_lock stand in front of the
 // libraries' ones, to fail the buffer or count the locks.
 static bool fail_malloc = false, count_locks = false;
-static int locks = 0;
+static int locks = 0, planner_locks = 0;
 
 extern "C" void* fftwf_malloc(size_t n) {
   static const auto real = (void* (*)(size_t))dlsym(RTLD_NEXT, "fftwf_malloc");
@@ -22,7 +22,8 @@ extern "C" void* fftwf_malloc(size_t n) {
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) {
   static const auto real = (int (*)(pthread_mutex_t*))dlsym(RTLD_NEXT, "pthread_mutex_lock");
-  locks += count_locks;
+  locks += count_locks && mutex != fftw_planner_mutex();
+  planner_locks += count_locks && mutex == fftw_planner_mutex();
   return real(mutex);
 }
 
@@ -94,6 +95,7 @@ TEST(Fft, TheLockIsTakenToPlanAndToDestroyAndKeptWhenTheBufferFails) {
   CImg<float>::FFT(re, im, true, nullptr);  // no lock at all
   count_locks = false;
   EXPECT_EQ(locks, 2);
+  EXPECT_EQ(planner_locks, 4);  // the process's planner, whoever the caller
   fail_malloc = true;  // the thread's buffer must grow for this one
   EXPECT_EQ(thrown<cimg_library::CImgInstanceException>([&] { CImg<float>::FFT(larger, larger_im, false, &mutex); }),
             "Encountered null pointer: <mkl>fftwf_malloc failed");
