@@ -100,8 +100,10 @@ case_resume() {
   [ "$first" -lt 18 ] || fail "the batch ended before it was interrupted"
   same_as_reference  # every file under an output's name is whole
   [ -z "$(find . -name '.deconv-batch.*')" ] || fail "private folders left after an interruption"
+  mkdir out/.deconv-batch.elsewhere.1  # as a batch killed outright leaves it
   "$build/deconv-batch" -j 4 --resume manifest 2>err || fail "status $? $(cat err)"
-  grep -q "^deconv-batch: $((18 - first)) restored, 0 failed, $first not run" err || fail "after $first: $(cat err) $(cut -f1,7,8,9 manifest.joblog | cut -c1-60)"
+  grep -q "^deconv-batch: $((18 - first)) restored, 0 failed, $first restored earlier" err || fail "after $first: $(cat err)"
+  [ -z "$(find . -name '.deconv-batch.*')" ] || fail "--resume left a stage behind"
   [ "$(ls out | wc -l)" = 18 ] || fail "$(ls out | wc -l) outputs after --resume"
   same_as_reference
   no_names_left
@@ -165,9 +167,93 @@ case_auto_strength() {
   no_names_left
 }
 
+# Outputs on a disk that fills up: deconv says 0 for outputs empty or cut
+# short, the batch counts them failed and leaves no such file under an
+# output's name.
+case_full_disk() {
+  make_pictures 6
+  mkdir out full
+  local status=0
+  # What the tmpfs held is copied out of the namespace that mounted it.
+  unshare -rm sh -c 'mount -t tmpfs -o size=100k tmpfs full && "$@"; s=$?; cp -a full/. out; exit $s' \
+    sh "$build/deconv-batch" -j 2 - <<<"$(sed 's/\tout\//\tfull\//' manifest)" 2>err || status=$?
+  [ $status = 1 ] || fail "status $status: $(cat err)"
+  local restored failed
+  read -r restored failed < <(sed -n 's/^deconv-batch: \([0-9]*\) restored, \([0-9]*\) failed$/\1 \2/p' err)
+  [ "$restored" -ge 1 ] && [ "$failed" -ge 1 ] && [ $((restored + failed)) = 6 ] || fail "$(cat err)"
+  [ "$(ls out | wc -l)" = "$restored" ] || fail "$(ls out | wc -l) outputs for $restored restored"
+  same_as_reference
+  [ -z "$(ls -A out | grep deconv-batch)" ] || fail "stages left"
+}
+
+# A picture that makes deconv run for ever, among good ones: the batch ends at
+# its time limit, the good ones restored; killed from outside (SIGTERM), it
+# stops the run at once and leaves nothing behind.
+case_hang() {
+  make_pictures 3
+  "$build/deconv-psf" gaussian 2 wide-psf.png
+  convert "$data/astronaut.png" -crop 20x100+200+100 +repage hang.png
+  sed -i "2a hang.png\twide-psf.png\tout/hang.ppm" manifest
+  local status=0 start=$SECONDS
+  "$build/deconv-batch" -j 2 --timeout 4 manifest 2>err || status=$?
+  [ $status = 1 ] && [ $((SECONDS - start)) -le 12 ] || fail "status $status after $((SECONDS - start)) s: $(cat err)"
+  grep -qx "deconv-batch: 3 restored, 1 failed" err && grep -qx "deconv-batch: line 3: time limit: stopped after 4 s" err || fail "$(cat err)"
+  same_as_reference
+  printf 'pic-1.png\tpsf.png\tnew/1.ppm\nhang.png\twide-psf.png\tnew/hang.ppm\n' >hangs
+  start=$SECONDS status=0
+  timeout 4 "$build/deconv-batch" hangs 2>err || status=$?
+  [ $status = 124 ] && [ $((SECONDS - start)) -le 9 ] || fail "status $status after $((SECONDS - start)) s: $(cat err)"
+  grep -q "^deconv-batch: 1 restored, 0 failed, 1 interrupted" err && grep -qx "deconv-batch: line 2: interrupted under way" err || fail "$(cat err)"
+  [ -z "$(ls -A new | grep -v 1.ppm)" ] || fail "left in new/: $(ls -A new)"
+  no_names_left
+}
+
+# Pictures not restored for want of a job log or a machine: the summary says so.
+case_reasons() {
+  make_pictures 2
+  mkdir manifest.joblog
+  local status=0
+  "$build/deconv-batch" manifest 2>err || status=$?
+  [ $status = 1 ] && grep -qx "deconv-batch: 0 restored, 0 failed, 2 not run" err &&
+    grep -q "^deconv-batch: nothing run: cannot write the job log $dir/manifest.joblog: Is a directory" err || fail "$(cat err)"
+  [ ! -e out ] || fail "a batch without its job log ran"
+  status=0
+  "$build/deconv-batch" -S nosuchhost.invalid - <manifest 2>err || status=$?
+  [ $status = 1 ] && grep -qx "deconv-batch: 0 restored, 0 failed, 2 not run" err &&
+    grep -qx "deconv-batch: line 2: not run: host nosuchhost.invalid unreachable" err || fail "$(cat err)"
+}
+
+# deconv-restore's own options, and blurs by their numbers, through the batch;
+# each result is what deconv-restore makes alone.
+case_restore() {
+  [ -x "$build/deconv-restore" ] || exit 77
+  make_pictures 2
+  printf 'pic-1.png\tgaussian:1.5\tout/numbers.png\n' >>manifest
+  "$build/deconv-batch" --restore -s 12 --depth 16 --timeout 60 manifest 2>err || fail "status $? $(cat err)"
+  "$build/deconv-restore" --workers 1 --psf psf.png --strength 12 --depth 16 pic-2.png expected-2.ppm
+  "$build/deconv-restore" --workers 1 --psf gaussian:1.5 --strength 12 --depth 16 pic-1.png expected-numbers.png
+  cmp -s out/pic-2.ppm expected-2.ppm && cmp -s out/numbers.png expected-numbers.png || fail "differs from deconv-restore alone"
+}
+
+# A PSF of auto: estimated by deconv-estimate, then the picture restored with
+# it; a picture it refuses is a failure with its words.
+case_estimated_psf() {
+  [ -x "$build/deconv-estimate" ] || exit 77
+  make_pictures 1
+  head -c 600 /dev/urandom >noise.png
+  printf 'pic-1.png\tauto\tout/estimated.ppm\nnoise.png\tauto\tout/noise.ppm\n' >manifest
+  local status=0
+  "$build/deconv-batch" manifest 2>err || status=$?
+  [ $status = 1 ] && grep -q "^deconv-batch: line 2: deconv-estimate: status [1-9][0-9]*: ." err || fail "$(cat err)"
+  "$build/deconv-estimate" pic-1.png estimated-psf.png >/dev/null
+  "$build/deconv" pic-1.png estimated-psf.png expected.ppm 1
+  cmp -s out/estimated.ppm expected.ppm || fail "differs from deconv with deconv-estimate's PSF"
+}
+
 case_command_line() {
   make_pictures 1
   for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "-s automatic manifest" "--sideways manifest" \
+    "--timeout -1 manifest" "--depth 16 manifest" "--restore --depth 12 manifest" \
     "manifest manifest" "--resume -" "missing.tsv"; do
     local status=0
     # shellcheck disable=SC2086
