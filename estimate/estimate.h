@@ -48,9 +48,9 @@ namespace estimation {
 // The estimator's settings, chosen by measurement on bench/estimate_bench.cpp;
 // tests and the evaluation may change them.
 struct Tuning {
-  double lambda_gradient = 4e-3, lambda_pixel = 4e-3, kappa = 2;  // sharp step
+  double lambda_gradient = 8e-3, lambda_pixel = 4e-3, kappa = 2;  // sharp step
   int iterations = 5, finest_iterations = 2;  // alternations per level; at the finest
-  double gamma = 0.01;                        // Tikhonov weight, relative to the gradients' energy
+  double gamma = 0.2;                         // Tikhonov weight, relative to the gradients' energy
   double faint = 0.2, speck = 0.1;           // kernel clean-up
   double loop_faint = 0.1;  // faint taps removed after every kernel step
   double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)

@@ -12,6 +12,7 @@
 
 PictureFile read_picture(const std::string& path, SampleScale scale) {
   CImg<float> img;
+  cimg_library::cimg::exception_mode(0);  // the reason goes into the one line, not the library's report
   try {
     load_image(img, path.c_str());
   } catch (const std::exception& e) {
@@ -29,8 +30,7 @@ void write_picture(const std::string& path, const deconv::Image& image, SampleDe
                    const deconv::Image*) {
   const float maximum = depth == SampleDepth::u8 ? 255.0f : 65535.0f;
   CImg<float> img(image.width, image.height, 1, image.channels);
-  for (size_t i = 0; i < image.pixels.size(); ++i)
-    img[i] = (float)(unsigned)(std::min(1.0f, std::max(0.0f, image.pixels[i])) * maximum);
+  for (size_t i = 0; i < image.pixels.size(); ++i) img[i] = image.pixels[i];  // 0..1: the converter scales
   const size_t slash = path.find_last_of('/'), dot = path.find_last_of('.');
   const std::string ext = dot != std::string::npos && (slash == std::string::npos || dot > slash) ? path.substr(dot) : "";
   const std::string staged = path + ".part" + std::to_string(getpid()) + ext;
