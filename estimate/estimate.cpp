@@ -85,18 +85,6 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
       lg = std::max(lg / 1.1, 1e-4);
       lp = std::max(lp / 1.1, 1e-4);
     }
-    if (const char* trace = std::getenv("ESTIMATE_TRACE")) {  // development aid
-      std::FILE* f = std::fopen((std::string(trace) + "/level" + std::to_string(l) + ".pgm").c_str(), "wb");
-      float peak = *std::max_element(kernel.pixels.begin(), kernel.pixels.end());
-      std::fprintf(f, "P5 %d %d 255\n", s, s);
-      for (float v : kernel.pixels) std::fputc((int)(v / peak * 255), f);
-      std::fclose(f);
-      RealPlane lat = sharp;
-      f = std::fopen((std::string(trace) + "/latent" + std::to_string(l) + ".pgm").c_str(), "wb");
-      std::fprintf(f, "P5 %d %d 255\n", t->width(), t->height());
-      for (float v : lat) std::fputc((int)std::min(255.f, std::max(0.f, v * 255)), f);
-      std::fclose(f);
-    }
     if (last && finest) {
       finest->transforms = std::move(t);
       finest->canvas = std::move(*canvas);
@@ -141,7 +129,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
 
   FinestScale finest;
   Image kernel = free_kernel(plane, side, threads, model == "kernel" ? nullptr : &finest);
-  if (!std::getenv("ESTIMATE_NO_CHECK")) check_kernel(kernel, side);
+  check_kernel(kernel, side);
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
                      plane.height);
