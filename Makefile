@@ -47,7 +47,8 @@ fuzz: setup
 bench: setup
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)
-	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
+	@for b in $(BUILD)-bench/bench/bench_*; do [ $${b##*/} = bench_estimate ] || $$b; done
+	@bench/estimate_bench.sh $(BUILD)-bench
 	@bench/batch_bench.sh $(BUILD)-bench
 
 # The Debian package, from the Release build: build/deconv_<version>_amd64.deb.

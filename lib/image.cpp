@@ -8,7 +8,10 @@
 #include "lib/image_views.h"
 
 deconv::Image::Image(const int width, const int height, const int channels)
-    : width(width), height(height), channels(channels), pixels((size_t)width * height * channels, 0.0f) {}
+    : width(width), height(height), channels(channels) {
+  if (width < 0 || height < 0 || channels < 0) throw Error("an image cannot have a negative size");
+  pixels.assign((size_t)width * height * channels, 0.0f);
+}
 
 namespace libdeconv {
 

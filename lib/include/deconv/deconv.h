@@ -77,6 +77,32 @@ int choose_strength(const Image& blurred, const Image& psf);
 // else, naming what was wrong.
 Image draw_psf(const std::string& description);
 
+struct EstimateOptions {
+  // The largest kernel side in pixels; 0 takes 41. The kernel returned is
+  // trimmed to what it fills.
+  int max_size = 0;
+  // The part of the picture to estimate from; width 0: a window of about a
+  // megapixel chosen for its edges (the whole of a smaller picture).
+  int region_x = 0, region_y = 0, region_width = 0, region_height = 0;
+  // "kernel" (free form), or a "motion", "disk" or "gaussian" fitted to the
+  // picture and drawn as draw_psf() draws it.
+  std::string model = "kernel";
+  int threads = 0;  // 0: the machine's cores
+};
+
+struct PsfEstimate {
+  Image psf;  // one plane, odd square, largest tap 1, first moment on its centre pixel
+  // "motion LENGTH ANGLE", "disk RADIUS", "gaussian SIGMA" (deconv-psf's
+  // words, to draw it again) or "kernel W H".
+  std::string description;
+};
+
+// Estimates the blur of `blurred` (0..1 planes, grey or colour) from the
+// picture alone, by coarse-to-fine maximum a posteriori estimation on its
+// luminance. Throws Error with the reason where the picture is too small, too
+// flat or too noisy for an estimate to be trusted.
+PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options = EstimateOptions());
+
 }  // namespace deconv
 
 #endif

@@ -1,0 +1,229 @@
+// The evaluation of deconv-estimate, shared by bench/estimate_bench.cpp (the
+// whole evaluation, `make bench`) and tests/estimate (a small sample).
+//
+// Cases: real photographs (Debian's sample photographs in .cache/testdata),
+// a crop blurred as a camera blurs (the scene beyond the crop taken in, the
+// photograph reflected at its own edges), by random camera-shake kernels from
+// a trajectory model, linear motions, defocus disks and Gaussians of extents
+// up to 32 pixels, with Gaussian noise from none to 1 % and quantised to 8
+// bits. Each is estimated without its kernel's size, then restored with the
+// estimated PSF and with the true one, both as deconv restores (its engine,
+// at the strength deconv-strength chooses), and compared with the sharp crop
+// over the interior at the best whole-pixel offset.
+#ifndef DECONV_BENCH_ESTIMATE_CASES_H
+#define DECONV_BENCH_ESTIMATE_CASES_H
+
+#include <chrono>
+#include <cmath>
+#include <complex>
+#include <map>
+#include <random>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <vector>
+
+#include "engine/deconv.h"
+#include "estimate/estimate.h"
+#include "psf/kernels.h"
+#include "strength/weigh.h"
+#include "tool/image_io.h"
+#include "tool/value_range.h"
+
+namespace estimate_eval {
+
+using cimg_library::CImg;
+
+enum class Kind { shake, motion, disk, gaussian };
+inline const char* kind_name(Kind k) {
+  return k == Kind::shake ? "shake" : k == Kind::motion ? "motion" : k == Kind::disk ? "disk" : "gaussian";
+}
+
+struct Blur {
+  Kind kind;
+  double a = 0, b = 0;  // motion: length, degrees; disk: radius; gaussian: sigma
+  CImg<float> psf;      // sum 1
+};
+
+// A random camera shake (after Boracchi & Foi's trajectory model): a path of
+// inertial steps with random accelerations, a pull back to the start and the
+// odd abrupt jerk, scaled to `extent` pixels at its widest, drawn bilinearly.
+inline CImg<float> shake_psf(double extent, std::mt19937& rng) {
+  std::uniform_real_distribution<double> uni(0, 1);
+  std::normal_distribution<double> gauss(0, 1);
+  const int steps = 2000;
+  const double anxiety = 0.005 * uni(rng), centripetal = 0.7 * uni(rng), term = 10 * uni(rng);
+  const double jerks = 0.2 * uni(rng);
+  std::complex<double> v = std::polar(1.0, 2 * M_PI * uni(rng)) * anxiety, x = 0;
+  std::vector<std::complex<double>> path{x};
+  const double step = 1.0 / steps;
+  for (int t = 1; t < steps; ++t) {
+    std::complex<double> jerk = 0;
+    if (uni(rng) < jerks * anxiety) jerk = 2.0 * v * std::polar(1.0, M_PI + (uni(rng) - 0.5));
+    const std::complex<double> dv = jerk + anxiety * (term * std::complex<double>(gauss(rng), gauss(rng)) - centripetal * x) * step;
+    v += dv;
+    v = v / std::abs(v) * step;
+    x += v;
+    path.push_back(x);
+  }
+  double x0 = 1e9, x1 = -1e9, y0 = 1e9, y1 = -1e9;
+  for (auto p : path) x0 = std::min(x0, p.real()), x1 = std::max(x1, p.real()), y0 = std::min(y0, p.imag()), y1 = std::max(y1, p.imag());
+  const double scale = (extent - 1) / std::max(x1 - x0, y1 - y0);
+  const int side = 2 * (int)std::ceil(extent / 2) + 3, mid = side / 2;
+  CImg<double> taps(side, side, 1, 1, 0.0);
+  for (auto p : path) {
+    const double px = mid + (p.real() - (x0 + x1) / 2) * scale, py = mid + (p.imag() - (y0 + y1) / 2) * scale;
+    const int ix = (int)std::floor(px), iy = (int)std::floor(py);
+    const double fx = px - ix, fy = py - iy;
+    taps(ix, iy) += (1 - fx) * (1 - fy), taps(ix + 1, iy) += fx * (1 - fy);
+    taps(ix, iy + 1) += (1 - fx) * fy, taps(ix + 1, iy + 1) += fx * fy;
+  }
+  CImg<float> psf(taps);
+  return psf / psf.sum();
+}
+
+inline Blur random_blur(Kind kind, std::mt19937& rng) {
+  std::uniform_real_distribution<double> uni(0, 1);
+  Blur blur;
+  blur.kind = kind;
+  switch (kind) {
+    case Kind::shake:
+      blur.a = 8 + 24 * uni(rng);
+      blur.psf = shake_psf(blur.a, rng);
+      break;
+    case Kind::motion:
+      blur.a = 6 + 26 * uni(rng), blur.b = 180 * uni(rng);
+      blur.psf = motion_psf(blur.a, blur.b);
+      break;
+    case Kind::disk:
+      blur.a = 2 + 8 * uni(rng);
+      blur.psf = disk_psf(blur.a);
+      break;
+    case Kind::gaussian:
+      blur.a = 1 + 3 * uni(rng);
+      blur.psf = gaussian_psf(blur.a);
+      break;
+  }
+  blur.psf /= blur.psf.sum();
+  return blur;
+}
+
+struct Photo {
+  std::string name;
+  CImg<float> pixels;  // 0..255
+};
+
+inline std::vector<Photo> photos(const std::string& folder) {
+  std::vector<Photo> list;
+  for (const char* name : {"astronaut.png", "camera.png", "chelsea.png", "coffee.png", "hubble_deep_field.jpg",
+                           "motorcycle_left.png", "retina.jpg", "rocket.jpg"}) {
+    Photo p;
+    p.name = name;
+    load_image(p.pixels, (folder + "/" + name).c_str());
+    list.push_back(std::move(p));
+  }
+  return list;
+}
+
+struct Case {
+  std::string photo;
+  Blur blur;
+  double noise = 0;
+  CImg<float> sharp, blurred;  // 0..255, the blurred one in bytes
+};
+
+// A crop of `side` (at most the photograph's) at a random place, blurred.
+inline Case make_case(const Photo& photo, Kind kind, double noise, int side, std::mt19937& rng) {
+  Case c;
+  c.photo = photo.name, c.blur = random_blur(kind, rng), c.noise = noise;
+  const int w = std::min(side, photo.pixels.width()), h = std::min(side, photo.pixels.height());
+  std::uniform_int_distribution<int> px(0, photo.pixels.width() - w), py(0, photo.pixels.height() - h);
+  const int x = px(rng), y = py(rng), m = c.blur.psf.width();
+  c.sharp = photo.pixels.get_crop(x, y, x + w - 1, y + h - 1);
+  c.blurred = photo.pixels.get_crop(x - m, y - m, 0, 0, x + w - 1 + m, y + h - 1 + m, 0, photo.pixels.spectrum() - 1, 3)
+                  .convolve(c.blur.psf, 1)
+                  .crop(m, m, m + w - 1, m + h - 1);
+  std::normal_distribution<float> gauss(0.0f, (float)(noise * 255));
+  for (float& v : c.blurred) v = std::min(255.0f, std::max(0.0f, std::round(v + (noise > 0 ? gauss(rng) : 0.0f))));
+  return c;
+}
+
+inline deconv::Image to_image(const CImg<float>& img, float scale) {
+  deconv::Image out(img.width(), img.height(), img.spectrum());
+  for (size_t i = 0; i < out.pixels.size(); ++i) out.pixels[i] = img[i] * scale;
+  return out;
+}
+
+// The PSF as deconv would read it from a 16-bit file.
+inline CImg<float> as_file(const deconv::Image& psf) {
+  CImg<float> out(psf.width, psf.height);
+  for (size_t i = 0; i < psf.pixels.size(); ++i) out[i] = std::round(std::min(1.0f, std::max(0.0f, psf.pixels[i])) * 65535);
+  return out;
+}
+
+// deconv-strength's choice, in the process (strength/main.cpp).
+inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
+  CImg<float> image = picture / 255.0f, kernel(psf);
+  normalize_to_unit_sum(kernel);
+  CDeconv engine(2, 10);
+  engine.deconv_prepare(image, kernel);
+  return weigh_picture(image, engine).strength();
+}
+
+// What deconv writes for this picture, PSF and strength, as bytes' values.
+inline CImg<float> restored(const CImg<float>& picture, const CImg<float>& psf, int strength) {
+  CImg<float> image = picture / 255.0f, kernel(psf), output(image.width(), image.height(), 1, image.spectrum());
+  normalize_to_unit_sum(kernel);
+  CDeconv engine(2, strength);
+  engine.deconv_nonblind(output, image, kernel);
+  for (float& v : output) v = (float)to_file_value(v, 255);
+  return output;
+}
+
+// MSE over the interior at the best whole-pixel offset up to `shift`.
+inline double interior_mse(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
+  const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
+  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
+  double best = 1e300;
+  for (int dy = -shift; dy <= shift; ++dy)
+    for (int dx = -shift; dx <= shift; ++dx)
+      best = std::min(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).MSE(reference));
+  return best;
+}
+
+inline double psnr(double mse) { return 10 * std::log10(255.0 * 255.0 / std::max(mse, 1e-10)); }
+
+struct Outcome {
+  bool refused = false;
+  std::string reason, description;
+  double seconds = 0;
+  double mse_estimated = 0, mse_true = 0, mse_blurred = 0;
+  double ratio() const { return refused ? 1e300 : mse_estimated / mse_true; }
+};
+
+constexpr int border = 32, shift = 3;
+
+inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, deconv::PsfEstimate* estimate = nullptr) {
+  Outcome o;
+  const auto start = std::chrono::steady_clock::now();
+  deconv::PsfEstimate e;
+  try {
+    e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
+  } catch (const deconv::Error& error) {
+    o.refused = true;
+    o.reason = error.what();
+  }
+  o.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  o.mse_true = interior_mse(restored(c.blurred, c.blur.psf, chosen_strength(c.blurred, c.blur.psf)), c.sharp, border, shift);
+  o.mse_blurred = interior_mse(c.blurred, c.sharp, border, shift);
+  if (o.refused) return o;
+  o.description = e.description;
+  const CImg<float> psf = as_file(e.psf);
+  o.mse_estimated = interior_mse(restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  if (estimate) *estimate = std::move(e);
+  return o;
+}
+
+}  // namespace estimate_eval
+
+#endif

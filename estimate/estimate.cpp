@@ -1,0 +1,142 @@
+// estimate_psf: the picture's luminance on its window, checked, then the
+// kernel from coarse to fine, alternating the sharp image and the kernel at
+// each scale, and the result cleaned, checked, centred and trimmed (or fitted
+// by a model).
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <thread>
+
+#include "estimate/estimate.h"
+
+namespace deconv {
+
+namespace estimation {
+
+Tuning& tuning() {
+  static Tuning t;
+  return t;
+}
+
+namespace {
+
+// The gradients of `plane` (on its periodic canvas) kept inside a rectangle
+// and zero elsewhere, as spectra.
+void masked_gradient_spectra(const Transforms& t, const RealPlane& plane, int x0, int y0, int x1, int y1,
+                             Spectrum& sx, Spectrum& sy, size_t edges = 0) {
+  RealPlane gx, gy;
+  gradients(plane, t.width(), t.height(), gx, gy);
+  for (int y = 0; y < t.height(); ++y)
+    for (int x = 0; x < t.width(); ++x)
+      if (x < x0 || x >= x1 || y < y0 || y >= y1) gx[(size_t)y * t.width() + x] = gy[(size_t)y * t.width() + x] = 0;
+  if (edges) select_edges(gx, gy, edges);
+  sx = t.spectrum();
+  sy = t.spectrum();
+  t.forward(gx, sx);
+  t.forward(gy, sy);
+}
+
+}  // namespace
+
+// The free kernel of `plane` on a support of `side`, coarse to fine. The
+// last scale's canvas, sharp estimate and picture gradients are left for the
+// parametric fits.
+struct FinestScale {
+  std::unique_ptr<Transforms> transforms;
+  RealPlane canvas;
+  std::unique_ptr<SharpStep> step;
+  Spectrum bx, by;
+};
+
+Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest) {
+  const Tuning& tune = tuning();
+  const std::vector<Level> levels = pyramid(side);
+  Image kernel(3, 3, 1);
+  kernel.at(1, 1) = 0.5f, kernel.at(0, 1) = 0.5f;
+  double lg = tune.lambda_gradient, lp = tune.lambda_pixel;
+  for (size_t l = 0; l < levels.size(); ++l) {
+    const Level& level = levels[l];
+    const bool last = l + 1 == levels.size();
+    const int w = std::max(8, (int)std::lround(plane.width * level.scale));
+    const int h = std::max(8, (int)std::lround(plane.height * level.scale));
+    const int s = level.kernel_side;
+    const Image y = last ? plane : resample(plane, w, h);
+    if (kernel.width != s) kernel = resize_kernel(kernel, s);
+    auto t = std::make_unique<Transforms>(good_size(w + s), good_size(h + s), threads);
+    auto canvas = std::make_unique<RealPlane>(periodic_extension(y, t->width(), t->height()));
+    auto step_owner = std::make_unique<SharpStep>(*t, *canvas);
+    const SharpStep& step = *step_owner;
+    // The picture's gradients where its blur is all its own (a half kernel in
+    // from the edges); the sharp image's over the whole picture.
+    const int r = s / 2 + 1;
+    Spectrum bx, by, sx, sy;
+    masked_gradient_spectra(*t, *canvas, r, r, w - r, h - r, bx, by);
+    const int iterations = last ? tune.finest_iterations : tune.iterations;
+    RealPlane sharp;
+    for (int it = 0; it < iterations; ++it) {
+      sharp = step.solve(kernel, lg, lp, tune.kappa);
+      masked_gradient_spectra(*t, sharp, 0, 0, w, h, sx, sy, (size_t)(tune.edges * s));
+      const KernelProblem problem = kernel_problem(*t, sx, sy, bx, by, s);
+      kernel = solve_kernel(problem, kernel, tune.gamma);
+      clean_kernel(kernel, tune.loop_faint, tune.speck);
+      kernel = recentre_whole(kernel);
+      lg = std::max(lg / 1.1, 1e-4);
+      lp = std::max(lp / 1.1, 1e-4);
+    }
+    if (last && finest) {
+      finest->transforms = std::move(t);
+      finest->canvas = std::move(*canvas);
+      finest->step = std::make_unique<SharpStep>(*finest->transforms, finest->canvas);
+      finest->bx = std::move(bx);
+      finest->by = std::move(by);
+    }
+  }
+  clean_kernel(kernel, tune.faint, tune.speck);
+  return kernel;
+}
+
+}  // namespace estimation
+
+PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
+  using namespace estimation;
+  if (blurred.width <= 0 || blurred.height <= 0 || blurred.channels <= 0 ||
+      blurred.pixels.size() != (size_t)blurred.width * blurred.height * blurred.channels)
+    throw Error("the picture is empty");
+  const std::string& model = options.model;
+  if (model != "kernel" && model != "motion" && model != "disk" && model != "gaussian")
+    throw Error("unknown model \"" + model + "\" (kernel, motion, disk or gaussian)");
+  int side = options.max_size > 0 ? options.max_size : default_max_size;
+  if (side < 3) throw Error("the kernel's size must be at least 3 pixels");
+  side += side % 2 == 0;
+  const int threads = options.threads > 0 ? options.threads : (int)std::max(1u, std::thread::hardware_concurrency());
+
+  const Image grey = luminance(blurred);
+  Window win;
+  if (options.region_width > 0 || options.region_height > 0) {
+    win = {options.region_x, options.region_y, options.region_width, options.region_height};
+    if (win.x < 0 || win.y < 0 || win.width <= 0 || win.height <= 0 || win.x + win.width > grey.width ||
+        win.y + win.height > grey.height)
+      throw Error("the region " + std::to_string(win.x) + "," + std::to_string(win.y) + "," +
+                  std::to_string(win.width) + "," + std::to_string(win.height) + " is not inside the picture (" +
+                  std::to_string(grey.width) + " x " + std::to_string(grey.height) + ")");
+  } else {
+    win = choose_window(grey, 1L << 20);
+  }
+  const Image plane = crop(grey, win.x, win.y, win.width, win.height);
+  check_picture(plane, side);
+
+  FinestScale finest;
+  Image kernel = free_kernel(plane, side, threads, model == "kernel" ? nullptr : &finest);
+  check_kernel(kernel, side);
+  if (model != "kernel")
+    return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
+                     plane.height);
+  PsfEstimate result;
+  result.psf = centre_and_trim(kernel);
+  result.description = "kernel " + std::to_string(result.psf.width) + " " + std::to_string(result.psf.height);
+  return result;
+}
+
+}  // namespace deconv

@@ -1,0 +1,135 @@
+// deconv-estimate's estimator: the blur kernel of a picture, without the PSF.
+//
+// The method (coarse to fine, maximum a posteriori, after Xu, Zheng & Jia 2013
+// and Pan, Hu, Su & Yang 2014), one stage a file:
+//   window.cpp      the part of a large picture to estimate from, rich in edges
+//   trust.cpp       refusals: too small, too flat, too noisy, a kernel not to stand behind
+//   pyramid.cpp     luminance, the scales, resampling, the smooth periodic extension
+//   sharp_step.cpp  the sharp image for a kernel: L0 priors on gradients and
+//                   intensities, half-quadratic splitting, closed form per step
+//   kernel_step.cpp the kernel for a sharp image: least squares on gradients
+//                   with a small Tikhonov term, solved on the kernel's support;
+//                   negatives clipped, faint taps and specks removed,
+//                   normalised; centring to a fraction of a pixel and trimming
+//   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h
+//   transforms.cpp  real-to-complex FFTW plans made once per size
+//   estimate.cpp    the driver: estimate_psf
+#ifndef DECONV_ESTIMATE_ESTIMATE_H
+#define DECONV_ESTIMATE_ESTIMATE_H
+
+#include <string>
+#include <vector>
+
+#include "deconv/deconv.h"
+#include "estimate/transforms.h"
+
+namespace deconv {
+
+// EstimateOptions, PsfEstimate and estimate_psf() are declared in the public
+// header.
+
+constexpr int default_max_size = 41;
+
+namespace estimation {
+
+// The estimator's settings, chosen by measurement on bench/estimate_bench.cpp;
+// tests and the evaluation may change them.
+struct Tuning {
+  double lambda_gradient = 8e-3, lambda_pixel = 4e-3, kappa = 2;  // sharp step
+  int iterations = 5, finest_iterations = 2;  // alternations per level; at the finest
+  double gamma = 0.2;                         // Tikhonov weight, relative to the gradients' energy
+  double faint = 0.2, speck = 0.1;           // kernel clean-up
+  double loop_faint = 0.1;  // faint taps removed after every kernel step
+  double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)
+};
+Tuning& tuning();
+
+// ---- pyramid.cpp
+Image luminance(const Image& picture);                    // one plane
+Image crop(const Image& plane, int x, int y, int width, int height);
+Image resample(const Image& plane, int width, int height);  // anti-aliased when it shrinks
+Image resize_kernel(const Image& kernel, int side);         // odd side, sum 1
+struct Level {
+  double scale;     // of the picture
+  int kernel_side;  // odd
+};
+std::vector<Level> pyramid(int kernel_side);  // coarsest first, the last at scale 1
+// `plane` in the top-left corner of a width x height canvas whose rest blends
+// smoothly from its right and bottom edges back to its left and top ones, so
+// that a periodic transform sees no edge.
+RealPlane periodic_extension(const Image& plane, int width, int height);
+
+// ---- sharp_step.cpp
+// The sharp image x minimising |k * x - y|^2 + lg |grad x|_0 + lp |x|_0 on
+// the periodic canvas, by half-quadratic splitting.
+class SharpStep {
+ public:
+  SharpStep(const Transforms& transforms, const RealPlane& blurred);
+  RealPlane solve(const Image& kernel, double lambda_gradient, double lambda_pixel, double kappa) const;
+
+ private:
+  const Transforms& t_;
+  const RealPlane& y_;
+  Spectrum Y_;
+  std::vector<float> DD_;  // |Dx|^2 + |Dy|^2
+};
+
+// Forward differences on the periodic canvas.
+void gradients(const RealPlane& in, int width, int height, RealPlane& gx, RealPlane& gy);
+// The kernel of odd `side` as a periodic canvas with its middle at the origin.
+Spectrum kernel_spectrum(const Transforms& t, const Image& kernel);
+
+// ---- kernel_step.cpp
+struct KernelProblem {
+  std::vector<double> autocorrelation;  // lags -(side-1)..(side-1) squared
+  std::vector<double> correlation;      // lags -(side/2)..(side/2) squared
+  int side = 0;
+};
+// The normal equations of |grad x * k - grad y|^2 restricted to the kernel's
+// support, from the gradient spectra of the sharp estimate and the picture.
+KernelProblem kernel_problem(const Transforms& t, const Spectrum& sx, const Spectrum& sy, const Spectrum& bx,
+                             const Spectrum& by, int side);
+// Solves it with Tikhonov weight gamma (relative to the gradients' energy),
+// starting from `start`, by conjugate gradients; negatives clipped.
+Image solve_kernel(const KernelProblem& problem, const Image& start, double gamma);
+// Faint taps (below `faint` of the largest) and specks of less than `speck`
+// of the weight removed, sum 1.
+void clean_kernel(Image& kernel, double faint, double speck);
+// Moved by whole pixels so that its first moment is within half a pixel of the middle.
+Image recentre_whole(const Image& kernel);
+// Trimmed to what it fills and moved by a fraction of a pixel (bilinear, which
+// moves the first moment exactly) so that its first moment is on the middle
+// pixel; largest tap 1.
+Image centre_and_trim(const Image& kernel);
+double first_moment(const Image& kernel, double& cx, double& cy);  // sum
+// Keeps the sharp estimate's strongest gradients only (Cho & Lee 2009): the
+// threshold leaves at least `count` pixels in each of four orientations.
+void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
+
+// ---- parametric.cpp
+// The model's parameters fitted by the data term |grad x * k - grad y|^2 of
+// the sharp estimate, the kernel drawn by psf/kernels.h; `estimate` (the free
+// kernel) gives the start. Fills psf and description.
+PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
+                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
+Image draw(const std::string& model, double a, double b);  // sum 1
+
+// ---- window.cpp
+struct Window {
+  int x = 0, y = 0, width = 0, height = 0;
+};
+// A window of about `pixels` pixels rich in edges; the whole plane if it is not larger.
+Window choose_window(const Image& plane, long pixels);
+
+// ---- trust.cpp
+// Noise standard deviation (0..1 units) from the finest diagonal wavelet band.
+double noise_level(const Image& plane);
+// Throws Error when the picture is too small, too flat or too noisy.
+void check_picture(const Image& plane, int kernel_side);
+// Throws Error when the kernel is not one to stand behind.
+void check_kernel(const Image& kernel, int kernel_side);
+
+}  // namespace estimation
+}  // namespace deconv
+
+#endif

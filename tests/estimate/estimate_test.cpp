@@ -1,0 +1,225 @@
+// deconv-estimate on real photographs blurred by known kernels: the kernels
+// come back in shape, the parametric fits within their tolerances, pictures
+// it cannot stand behind are refused, and the command's statuses and files.
+// The evaluation over many pictures is bench/estimate_bench.cpp; a sample of
+// it here crosses its threshold only on a real regression.
+#include <sys/wait.h>
+
+#include "bench/estimate_cases.h"
+#include "tests/support.h"
+
+namespace {
+
+using namespace estimate_eval;
+
+const std::vector<Photo>& all_photos() {
+  static const std::vector<Photo> list = photos(DECONV_TESTDATA);
+  return list;
+}
+
+const Photo& photo(const std::string& name) {
+  for (const Photo& p : all_photos())
+    if (p.name == name) return p;
+  throw std::runtime_error("no photograph " + name);
+}
+
+// Shape after alignment: the largest normalised correlation of the two
+// kernels over whole-pixel offsets, 1 for the same shape. These four cases
+// score 0.74 to 0.94 now; a kernel of the right direction but the wrong length
+// or a fragmented one falls under 0.6.
+double shape_similarity(const deconv::Image& estimate, const CImg<float>& truth) {
+  const int n = std::max(estimate.width, truth.width()) + 8, c = n / 2;
+  CImg<double> a(n, n, 1, 1, 0), b(n, n, 1, 1, 0);
+  for (int y = 0; y < estimate.height; ++y)
+    for (int x = 0; x < estimate.width; ++x) a(c + x - estimate.width / 2, c + y - estimate.height / 2) = estimate.at(x, y);
+  cimg_forXY(truth, x, y) b(c + x - truth.width() / 2, c + y - truth.height() / 2) = truth(x, y);
+  const double na = std::sqrt(a.dot(a)), nb = std::sqrt(b.dot(b));
+  double best = 0;
+  for (int dy = -4; dy <= 4; ++dy)
+    for (int dx = -4; dx <= 4; ++dx) best = std::max(best, a.dot(b.get_shift(dx, dy)) / (na * nb));
+  return best;
+}
+
+Case blurred_case(const std::string& name, Kind kind, double noise, unsigned seed) {
+  std::mt19937 rng(seed);
+  return make_case(photo(name), kind, noise, 320, rng);
+}
+
+struct KernelCase {
+  const char* photo;
+  Kind kind;
+  double noise;
+  unsigned seed;
+};
+
+class KernelsComeBack : public ::testing::TestWithParam<KernelCase> {};
+
+TEST_P(KernelsComeBack, InShapeAfterAlignment) {
+  const KernelCase& k = GetParam();
+  const Case c = blurred_case(k.photo, k.kind, k.noise, k.seed);
+  const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255));
+  const double similarity = shape_similarity(e.psf, c.blur.psf);
+  std::printf("%s %s %.1f %.1f: %s, similarity %.2f\n", k.photo, kind_name(k.kind), c.blur.a, c.blur.b,
+              e.description.c_str(), similarity);
+  EXPECT_GE(similarity, 0.65);
+  // As deconv takes it: an odd square, its largest tap 1, its first moment on the middle pixel.
+  EXPECT_EQ(e.psf.width % 2, 1);
+  EXPECT_EQ(e.psf.width, e.psf.height);
+  EXPECT_FLOAT_EQ(*std::max_element(e.psf.pixels.begin(), e.psf.pixels.end()), 1.0f);
+  double cx, cy;
+  deconv::estimation::first_moment(e.psf, cx, cy);
+  EXPECT_NEAR(cx, e.psf.width / 2, 1e-3);
+  EXPECT_NEAR(cy, e.psf.height / 2, 1e-3);
+}
+
+INSTANTIATE_TEST_SUITE_P(Blurs, KernelsComeBack,
+                         ::testing::Values(KernelCase{"camera.png", Kind::shake, 0, 1},
+                                           KernelCase{"astronaut.png", Kind::shake, 0.005, 2},
+                                           KernelCase{"motorcycle_left.png", Kind::motion, 0.01, 3},
+                                           KernelCase{"coffee.png", Kind::disk, 0, 4}));
+
+struct ModelCase {
+  const char* photo;
+  Kind kind;
+  unsigned seed;
+};
+
+class ParametricFits : public ::testing::TestWithParam<ModelCase> {};
+
+TEST_P(ParametricFits, WithinTheirTolerances) {
+  const ModelCase& m = GetParam();
+  const Case c = blurred_case(m.photo, m.kind, 0.005, m.seed);
+  deconv::EstimateOptions options;
+  options.model = kind_name(m.kind);
+  const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
+  std::printf("%s: true %.2f %.1f, fitted %s\n", m.photo, c.blur.a, c.blur.b, e.description.c_str());
+  char word[16];
+  double a = 0, b = 0;
+  ASSERT_GE(std::sscanf(e.description.c_str(), "%15s %lf %lf", word, &a, &b), 2);
+  EXPECT_EQ(std::string(word), kind_name(m.kind));
+  // The goals are 1 pixel of length, 3 degrees, half a pixel of radius and
+  // 10 % of sigma; the fits are biased upwards and these cases reach 1.5
+  // pixels of length, 0.7 pixel of radius and 30 % of sigma (bench_estimate
+  // prints the share within the goals).
+  if (m.kind == Kind::motion) {
+    EXPECT_NEAR(a, c.blur.a, 1.5);
+    const double d = std::fmod(std::fabs(b - c.blur.b), 180.0);
+    EXPECT_LE(std::min(d, 180 - d), 3.0);
+  } else if (m.kind == Kind::disk) {
+    EXPECT_NEAR(a, c.blur.a, 0.7);
+  } else {
+    EXPECT_NEAR(a, c.blur.a, 0.3 * c.blur.a);
+  }
+  // Drawn by deconv-psf's code from the printed numbers.
+  const deconv::Image drawn = deconv::estimation::draw(kind_name(m.kind), a, b);
+  EXPECT_EQ(drawn.pixels, e.psf.pixels);
+}
+
+INSTANTIATE_TEST_SUITE_P(Models, ParametricFits,
+                         ::testing::Values(ModelCase{"camera.png", Kind::motion, 5}, ModelCase{"chelsea.png", Kind::motion, 17},
+                                           ModelCase{"chelsea.png", Kind::disk, 7}, ModelCase{"coffee.png", Kind::disk, 8},
+                                           ModelCase{"astronaut.png", Kind::gaussian, 9},
+                                           ModelCase{"motorcycle_left.png", Kind::gaussian, 10}));
+
+struct Refusal {
+  const char* what;
+  std::function<deconv::Image()> picture;
+  const char* reason;
+};
+
+class Refusals : public ::testing::TestWithParam<Refusal> {};
+
+TEST_P(Refusals, SayWhy) {
+  const Refusal& r = GetParam();
+  const std::string message = thrown<deconv::Error>([&] { deconv::estimate_psf(r.picture()); });
+  EXPECT_NE(message.find(r.reason), std::string::npos) << message;
+}
+
+deconv::Image grey(int w, int h, float value, float noise) {
+  deconv::Image img(w, h, 1);
+  std::mt19937 rng(1);
+  std::normal_distribution<float> g(0, noise);
+  for (float& v : img.pixels) v = std::round((value + (noise > 0 ? g(rng) : 0.0f)) * 255) / 255;
+  return img;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Pictures, Refusals,
+    ::testing::Values(
+        Refusal{"small", [] { return to_image(blurred_case("camera.png", Kind::motion, 0, 1).blurred.get_crop(0, 0, 99, 99), 1.0f / 255); }, "too small"},
+        Refusal{"flat", [] { return grey(300, 300, 0.5f, 0.002f); }, "too flat"},
+        Refusal{"noisy", [] { return to_image(blurred_case("camera.png", Kind::disk, 0.08, 1).blurred, 1.0f / 255); }, "too noisy"},
+        Refusal{"empty", [] { return deconv::Image(); }, "empty"}),
+    [](const auto& info) { return std::string(info.param.what); });
+
+// The command: statuses, the line it prints, the file it writes or leaves alone.
+std::pair<int, std::string> run(const TempDir& dir, const std::string& args) {
+  const int status = std::system(("cd '" + dir.path + "' && " DECONV_ESTIMATE_BINARY " " + args +
+                                  " </dev/null >.stdout 2>.stderr").c_str());
+  return {WEXITSTATUS(status), read_file(dir / ".stdout") + read_file(dir / ".stderr")};
+}
+
+TEST(Command, StatusesAndFiles) {
+  TempDir dir;
+  const Case c = blurred_case("camera.png", Kind::motion, 0, 5);
+  c.blurred.save_pnm((dir / "blurred.pgm").c_str());
+  CImg<float>(300, 300, 1, 1, 128).save_pnm((dir / "flat.pgm").c_str());
+
+  auto [status, text] = run(dir, "blurred.pgm psf.png");
+  EXPECT_EQ(status, 0) << text;
+  EXPECT_EQ(text.rfind("kernel ", 0), 0u) << text;
+  const CImg<float> psf = load(dir / "psf.png");
+  EXPECT_EQ(psf.max(), 65535) << "16 bits, the largest tap white";
+  std::tie(status, text) = run(dir, "--model motion blurred.pgm motion.png");
+  EXPECT_EQ(status, 0) << text;
+  EXPECT_EQ(text.rfind("motion ", 0), 0u) << text;
+
+  const struct {
+    const char* args;
+    int status;
+    const char* says;
+  } failures[] = {
+      {"", 1, "INPUT and PSF_OUT"},
+      {"--size 2 blurred.pgm out.png", 1, "--size"},
+      {"--region 1,2,3 blurred.pgm out.png", 1, "--region"},
+      {"--model box blurred.pgm out.png", 1, "unknown model"},
+      {"--frobnicate blurred.pgm out.png", 1, "unknown option"},
+      {"missing.pgm out.png", 11, "missing.pgm"},
+      {"flat.pgm out.png", 11, "flat.pgm: cannot estimate the blur: the picture is too flat"},
+      {"--region 250,0,100,100 blurred.pgm out.png", 11, "not inside the picture"},
+  };
+  for (const auto& f : failures) {
+    std::tie(status, text) = run(dir, f.args);
+    EXPECT_EQ(status, f.status) << f.args;
+    EXPECT_NE(text.find(f.says), std::string::npos) << f.args << ": " << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << f.args << ": " << text;
+    EXPECT_FALSE(std::ifstream(dir / "out.png").good()) << f.args;
+  }
+  std::tie(status, text) = run(dir, "--help");
+  EXPECT_EQ(status, 0);
+  EXPECT_NE(text.find("--region X,Y,W,H"), std::string::npos);
+}
+
+// A sample of the evaluation: a restoration with the estimated PSF against
+// one with the true PSF, both at deconv-strength's strength.
+class Evaluation : public SemaphoreTest {};
+
+TEST_F(Evaluation, RestoresNearlyAsWellAsTheTruePsfAndNeverWorseThanTheBlur) {
+  const KernelCase cases[] = {{"astronaut.png", Kind::shake, 0.005, 11},  {"camera.png", Kind::motion, 0, 12},
+                              {"chelsea.png", Kind::disk, 0.01, 13},      {"coffee.png", Kind::gaussian, 0.005, 14},
+                              {"motorcycle_left.png", Kind::shake, 0, 15}, {"rocket.jpg", Kind::motion, 0.01, 16}};
+  int within3 = 0, worse = 0;
+  for (const KernelCase& k : cases) {
+    const Case c = blurred_case(k.photo, k.kind, k.noise, k.seed);
+    const Outcome o = evaluate(c, deconv::EstimateOptions());
+    std::printf("%s %s: ratio %.2f (%s)\n", k.photo, kind_name(k.kind), o.ratio(), o.refused ? o.reason.c_str() : o.description.c_str());
+    within3 += o.ratio() <= 3;
+    worse += !o.refused && o.mse_estimated > o.mse_blurred;
+  }
+  // Now 4 of 6 within 3 and one worse than its blurred picture (the goals,
+  // all within 3 and none worse, are not reached yet: bench_estimate).
+  EXPECT_GE(within3, 4);
+  EXPECT_LE(worse, 1);
+}
+
+}  // namespace
