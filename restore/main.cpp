@@ -20,9 +20,16 @@ int fail(const std::string& message) {
   return 11;
 }
 
-// The PSF of --psf: a drawn one, or a file whose samples count only as
-// proportions.
-deconv::Image load_psf(const std::string& psf) {
+// The PSF of --psf: estimated from the picture, drawn, or a file whose
+// samples count only as proportions.
+deconv::Image load_psf(const std::string& psf, const deconv::Image& picture, const std::string& input) {
+  if (psf == "auto") {
+    try {
+      return deconv::estimate_psf(picture).psf;
+    } catch (const deconv::Error& e) {
+      throw deconv::Error(input + ": cannot estimate the blur: " + e.what());
+    }
+  }
   if (psf.find(':') != std::string::npos) return deconv::draw_psf(psf);
   return read_picture(psf, SampleScale::raw).image;
 }
@@ -36,12 +43,7 @@ int main(int argc, char** argv) {
   try {
     require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
-    deconv::Image psf;
-    try {
-      psf = load_psf(command.psf);
-    } catch (const deconv::Error& e) {
-      return fail(e.what());
-    }
+    const deconv::Image psf = load_psf(command.psf, picture.image, command.input);
     deconv::RestoreOptions options;
     options.strength = command.strength;
     options.workers = command.workers;

@@ -1,42 +1,32 @@
 // deconv-strength INPUT PSF
 //
-// Prints the STRENGTH (2 to 200) that it expects to restore INPUT best with
-// deconv and this PSF, and nothing else. It loads both pictures and prepares
-// them exactly as deconv does, with deconv's own engine: the PSF on its
-// canvas and centred, its spectrum, S and N, the picture tapered. Then one
-// forward transform of each tapered plane gives the spectra that the choice
-// (strength/choice.h) weighs. Silent on success; a bad command line gives one
-// line on stderr and status 1; the loads fail as deconv's do (10, 11, 12).
-// Like deconv it uses the machine's named semaphores: one run at a time.
+// Prints the STRENGTH (1 to 200) that it expects to restore INPUT best with
+// this PSF, and nothing else: deconv's own preparation of the picture (taper,
+// PSF spectrum, S and N), then one forward transform of each tapered plane
+// gives the spectra that the choice (strength/choice.h) weighs. Pictures are
+// read in the process, each sample divided by its file's range (an 8-bit
+// picture as deconv reads it), and the engine's semaphores are its own: runs
+// may go at once. A bad command line gives one line on stderr and status 1; a
+// picture that cannot be read or judged, one line and status 11.
 #include <cstdio>
-#include <thread>
 
-#include "strength/weigh.h"
-#include "tool/exit_status.h"
-#include "tool/image_io.h"
-#include "tool/value_range.h"
+#include "picture/picture_file.h"
 
 int main(int argc, char** argv) {
-  return run_with_exit_status([&] {
-    flush_denormals_to_zero();
-    if (argc != 3) {
-      std::fprintf(stderr, "usage: deconv-strength INPUT PSF\n");
-      return 1;
-    }
-    CImg<float> image, psf;
-    load_image(image, argv[1]);
-    load_image(psf, argv[2]);
-    scale_to_unit(image);
-    normalize_to_unit_sum(psf);
-
-    const int cores = (int)std::max(1u, std::thread::hardware_concurrency());
-    CDeconv* const engine = new CDeconv(cores, 10);
-    engine->deconv_prepare(image, psf);
-
-    const StrengthChoice choice = weigh_picture(image, *engine);
-    delete engine;
-
-    std::printf("%d\n", choice.strength());
+  if (argc != 3) {
+    std::fprintf(stderr, "usage: deconv-strength INPUT PSF\n");
+    return 1;
+  }
+  try {
+    const deconv::Image picture = read_picture(argv[1]).image;
+    const deconv::Image psf = read_picture(argv[2], SampleScale::raw).image;
+    std::printf("%d\n", deconv::choose_strength(picture, psf));
     return 0;
-  });
+  } catch (const deconv::Error& e) {
+    std::fprintf(stderr, "deconv-strength: %s\n", e.what());
+    return 11;
+  } catch (const std::bad_alloc&) {
+    std::fprintf(stderr, "deconv-strength: %s: not enough memory\n", argv[1]);
+    return 11;
+  }
 }

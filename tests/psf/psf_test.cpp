@@ -92,6 +92,25 @@ TEST(DeconvPsf, DiskRadiusComesBackFromItsAreaAndFilesKeepTheirTaps) {
   }
 }
 
+// A file name is a name to deconv-psf and deconv-strength, never a command:
+// each is written or read under its own name, and nothing runs.
+TEST(DeconvPsf, NamesAreNeverRunByAShell) {
+  TempDir dir;
+  for (const std::string name : {"a$(touch RAN).png", "b`touch RAN`.png", "c\".png", "d'$(touch RAN)'.png"}) {
+    std::string quoted = "'";
+    for (const char c : name) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    quoted += "'";
+    ASSERT_EQ(std::system(("cd " + dir.path + " && " DECONV_PSF_BINARY " disk 3 " + quoted).c_str()), 0) << name;
+    EXPECT_TRUE(std::ifstream(dir / name).good()) << name;
+    FILE* const strength =
+        popen(("cd " + dir.path + " && " DECONV_STRENGTH_BINARY " " + quoted + " " + quoted).c_str(), "r");
+    int chosen = 0;
+    EXPECT_EQ(std::fscanf(strength, "%d", &chosen), 1) << name;
+    EXPECT_EQ(pclose(strength), 0) << name;
+  }
+  EXPECT_FALSE(std::ifstream(dir / "RAN").good());
+}
+
 class DeconvPsfRestores : public SemaphoreTest {};
 
 // A photograph blurred by ImageMagick with its own Gaussian kernel is restored
