@@ -93,8 +93,12 @@ TEST_F(Library, AlignedResultStandsOnItsPicture) {
   const deconv::Image bare = deconv::restore(blurred, psf, options);
   for (int dy = -1; dy <= 1; ++dy)
     for (int dx = -1; dx <= 1; ++dx) {
-      if (dx || dy) EXPECT_LT(interior_mse(aligned, sharp, 0, 0), interior_mse(aligned, sharp, dx, dy));
-      if (dx != 1 || dy != 1) EXPECT_LT(interior_mse(bare, sharp, 1, 1), interior_mse(bare, sharp, dx, dy));
+      if (dx || dy) {
+        EXPECT_LT(interior_mse(aligned, sharp, 0, 0), interior_mse(aligned, sharp, dx, dy));
+      }
+      if (dx != 1 || dy != 1) {
+        EXPECT_LT(interior_mse(bare, sharp, 1, 1), interior_mse(bare, sharp, dx, dy));
+      }
     }
   EXPECT_LT(interior_mse(aligned, sharp, 0, 0), interior_mse(blurred, sharp, 0, 0) / 2);
 
