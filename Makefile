@@ -32,8 +32,8 @@ sanitize: setup
 	@cmake --build $(BUILD)-asan -j $(JOBS)
 	@cd $(BUILD)-asan && ctest --output-on-failure -j $(JOBS)
 	@cmake -S . -B $(BUILD)-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=thread >/dev/null
-	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv engine_tests tool_tests
-	@cd $(BUILD)-tsan && ctest --output-on-failure -R '^(Engine|Runs|PinnedResults)\.'
+	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv engine_tests tool_tests library_tests
+	@cd $(BUILD)-tsan && ctest --output-on-failure -R '^(Engine|Runs|PinnedResults|Library)\.'
 
 # libFuzzer (clang) over the native readers and the PSF's preparation, a
 # bounded number of inputs each, under AddressSanitizer and

@@ -318,12 +318,36 @@ class MemoryFile : public OIIO::Filesystem::IOProxy {
   std::vector<unsigned char>& bytes_;
 };
 
+// OpenImageIO's PNM writer garbles 16-bit samples; the format is simple
+// enough to write here: a header, then the samples, 16-bit ones big-endian.
+bool is_pnm(const std::string& format, const OIIO::ImageSpec& spec) {
+  return format == "pnm" && spec.format != OIIO::TypeDesc::FLOAT && (spec.nchannels == 1 || spec.nchannels == 3);
+}
+
+std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& spec, const void* samples) {
+  const bool wide = spec.format == OIIO::TypeDesc::UINT16;
+  const std::string header = std::string(spec.nchannels == 1 ? "P5" : "P6") + "\n" + std::to_string(spec.width) + " " +
+                             std::to_string(spec.height) + "\n" + (wide ? "65535" : "255") + "\n";
+  const size_t count = (size_t)spec.width * spec.height * spec.nchannels;
+  std::vector<unsigned char> bytes(header.begin(), header.end());
+  bytes.resize(header.size() + count * (wide ? 2 : 1));
+  unsigned char* out = bytes.data() + header.size();
+  if (!wide) {
+    std::memcpy(out, samples, count);
+  } else {
+    const uint16_t* in = static_cast<const uint16_t*>(samples);
+    for (size_t i = 0; i < count; ++i) out[2 * i] = (unsigned char)(in[i] >> 8), out[2 * i + 1] = (unsigned char)in[i];
+  }
+  return bytes;
+}
+
 // Encodes the samples in the format `path`'s name says, in memory where the
 // writer allows it (it does not look at the results of its own writes), and
 // puts the file in place.
 void encode(const std::string& path, OIIO::ImageSpec spec, const void* samples) {
   auto out = OIIO::ImageOutput::create(path);
   if (!out) cannot_write(path, "no format for this name");
+  if (is_pnm(out->format_name(), spec)) return publish(path, pnm_bytes(spec, samples));
   if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
   // The TIFF writer loses its directory in memory when the Exif one fails to go.
   if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))

@@ -19,6 +19,10 @@ for page in "$prefix"/share/man/man1/*.1.gz; do
   MANWIDTH=80 man -l "$page" 2>&1 >/dev/null | (! grep .)
 done
 
+# Outside /usr the programs and the module find libdeconv by the path only.
+libdir=$prefix/lib/x86_64-linux-gnu
+export LD_LIBRARY_PATH=$libdir
+
 cd "$work"
 examples=$prefix/share/doc/deconv/examples
 "$prefix/bin/deconv-psf" motion 9 45 psf.png
@@ -27,9 +31,6 @@ examples=$prefix/share/doc/deconv/examples
 [ "$(identify -format '%w %h' restored.png)" = "320 320" ]
 [ "$(identify -format '%w %h' with-drawn.png)" = "320 320" ]
 
-# Outside /usr the programs and the module find libdeconv by the path only.
-libdir=$prefix/lib/x86_64-linux-gnu
-export LD_LIBRARY_PATH=$libdir
 "$prefix/bin/deconv-restore" --psf "$examples/motion_psf.png" "$examples/astronaut_blurred.png" restored.exr
 [ "$(identify -format '%w %h' restored.exr)" = "320 320" ]
 nm -D --defined-only "$libdir/libdeconv.so.1" | c++filt | (! grep -v ' deconv::')

@@ -125,6 +125,22 @@ class Threads(unittest.TestCase):
         self.assertEqual([n for n in os.listdir("/dev/shm") if n.startswith("sem.deconv.%d." % os.getpid())], [])
 
 
+class Estimation(unittest.TestCase):
+    def test_a_motion_comes_back_and_a_flat_picture_is_refused(self):
+        psf = deconv.draw_psf("motion:9,0")  # horizontal
+        sharp, taps = picture((256, 256)), psf[psf.shape[0] // 2]
+        half = len(taps) // 2
+        blurred = sum(np.roll(sharp, dx, axis=1) * w for dx, w in zip(range(-half, half + 1), taps)) / taps.sum()
+        estimate, description = deconv.estimate_psf(blurred.astype(np.float32), max_size=15)
+        self.assertTrue(description.startswith("kernel "))
+        self.assertEqual(estimate.shape[0] % 2, 1)
+        self.assertEqual(estimate.max(), 1)
+        spread = estimate.sum(axis=0), estimate.sum(axis=1)  # wide along x, narrow along y
+        self.assertGreater((spread[0] > 0.1 * spread[0].max()).sum(), 2 * (spread[1] > 0.1 * spread[1].max()).sum())
+        with self.assertRaises(deconv.Error):
+            deconv.estimate_psf(np.full((200, 200), 0.5, np.float32))
+
+
 class Errors(unittest.TestCase):
     def test_refusals_carry_the_message(self):
         blurred = np.full((32, 32), 0.5, np.float32)

@@ -74,8 +74,9 @@ class Restore : public ::testing::Test {
 TEST_F(Restore, EveryDepthKeepsItsRange) {
   write_picture(dir / "grey16.png", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::u16);
   write_picture(dir / "colour16.tif", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
+  write_picture(dir / "colour16.ppm", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
   write_picture(dir / "float.tif", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::f32);
-  for (const char* name : {"grey16.png", "colour16.tif", "float.tif"}) {
+  for (const char* name : {"grey16.png", "colour16.tif", "colour16.ppm", "float.tif"}) {
     ASSERT_EQ(restore(dir, std::string("--psf psf.png --strength 10 --workers 1 ") + name + " out-" + name).first, 0) << name;
     const PictureFile out = read_picture(dir / ("out-" + std::string(name)));
     const deconv::Image expected = reference(name);
