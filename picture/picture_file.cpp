@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cctype>
 #include <cstring>
 #include <memory>
 
@@ -84,7 +85,54 @@ void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::Typ
 
 }  // namespace
 
+namespace {
+
+// OpenImageIO's PNM reader is a step off on some 16-bit samples: binary PNM
+// (P5, P6) is read here. False, with nothing read, for anything else.
+bool read_binary_pnm(const std::string& path, const SampleScale scale, PictureFile& picture) {
+  std::FILE* const file = std::fopen(path.c_str(), "rb");
+  if (!file) return false;
+  const auto number = [&] {  // the next decimal number of the header, past blanks and comments
+    int c = std::fgetc(file);
+    while (c == '#' || std::isspace(c)) {
+      if (c == '#')
+        while (c != '\n' && c != EOF) c = std::fgetc(file);
+      c = std::fgetc(file);
+    }
+    long n = -1;
+    for (; std::isdigit(c) && n < 1000000; c = std::fgetc(file)) n = (n < 0 ? 0 : 10 * n) + (c - '0');
+    return n;
+  };
+  char magic[2] = {0, 0};
+  const bool pnm = std::fread(magic, 1, 2, file) == 2 && magic[0] == 'P' && (magic[1] == '5' || magic[1] == '6');
+  const long width = pnm ? number() : -1, height = pnm ? number() : -1, maximum = pnm ? number() : -1;
+  if (width <= 0 || height <= 0 || maximum <= 0 || maximum > 65535) {
+    std::fclose(file);
+    return false;
+  }
+  const int channels = magic[1] == '5' ? 1 : 3;
+  const bool wide = maximum > 255;
+  std::vector<unsigned char> bytes((size_t)width * height * channels * (wide ? 2 : 1));
+  const bool complete = std::fread(bytes.data(), 1, bytes.size(), file) == bytes.size();
+  std::fclose(file);
+  if (!complete) cannot_read(path, "the file ends before its last pixel");
+  picture.spec = OIIO::ImageSpec((int)width, (int)height, channels, wide ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::UINT8);
+  picture.depth = wide ? SampleDepth::u16 : SampleDepth::u8;
+  picture.image = Image((int)width, (int)height, channels);
+  const float range = scale == SampleScale::raw ? 1.0f : (float)maximum;
+  const size_t pixels = (size_t)width * height;
+  for (size_t i = 0; i < pixels * channels; ++i) {
+    const unsigned int v = wide ? bytes[2 * i] << 8 | bytes[2 * i + 1] : bytes[i];
+    picture.image.pixels[(i % channels) * pixels + i / channels] = (float)v / range;
+  }
+  return true;
+}
+
+}  // namespace
+
 PictureFile read_picture(const std::string& path, const SampleScale scale) {
+  PictureFile pnm;
+  if (read_binary_pnm(path, scale, pnm)) return pnm;
   auto in = OIIO::ImageInput::open(path);
   if (!in) cannot_read(path, open_failure(path));
   PictureFile picture;
