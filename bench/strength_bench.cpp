@@ -21,6 +21,7 @@
 #include <string>
 
 #include "engine/deconv.h"
+#include "bench/photo_cases.h"
 #include "psf/kernels.h"
 #include "tool/image_io.h"
 #include "tool/value_range.h"
@@ -38,28 +39,6 @@ void shell(const std::string& command) {
   }
 }
 
-// The crop at (x, y) of the photograph blurred by `psf`, with Gaussian noise
-// of `noise` times 255, rounded and clamped to bytes.
-CImg<float> blurred(const CImg<float>& photo, const CImg<float>& psf, int x, int y, double noise, unsigned seed) {
-  const int margin = psf.width();
-  CImg<float> out = photo.get_crop(x - margin, y - margin, x + side - 1 + margin, y + side - 1 + margin)
-                        .convolve(psf / psf.sum(), 1)
-                        .crop(margin, margin, margin + side - 1, margin + side - 1);
-  std::mt19937 rng(seed);
-  std::normal_distribution<float> gauss(0.0f, (float)(noise * 255));
-  for (float& v : out) v = std::min(255.0f, std::max(0.0f, std::round(v + (noise > 0 ? gauss(rng) : 0.0f))));
-  return out;
-}
-
-// What deconv writes for this picture (bytes' values) at this strength.
-CImg<float> restored(const CImg<float>& picture, const CImg<float>& psf, int strength) {
-  CImg<float> image = picture / 255.0f, kernel(psf), output(image.width(), image.height(), 1, image.spectrum());
-  normalize_to_unit_sum(kernel);
-  CDeconv engine(2, strength);
-  engine.deconv_nonblind(output, image, kernel);
-  for (float& v : output) v = (float)to_file_value(v, 255);
-  return output;
-}
 
 // PSNR over the interior, at the best whole-pixel offset up to 2: a
 // restoration stands one pixel toward +x and +y, by design.
@@ -124,7 +103,7 @@ int main(int, char** argv) {
     for (const CImg<float>& psf : psfs) {
       (psf / psf.max() * 255).round().save_pnm((work + "/psf.pgm").c_str());
       for (const double noise : noises) {
-        blurred(sharp_photo, psf, photo.x, photo.y, noise, seed++).save_pnm((work + "/picture.pnm").c_str());
+        blurred_crop(sharp_photo, psf, photo.x, photo.y, side, noise, seed++).save_pnm((work + "/picture.pnm").c_str());
         shell("cd " + work +
               " && convert -quiet picture.pnm picture.png && convert -quiet picture.pnm -quality 90 picture.jpg");
         for (const char* format : formats) {
@@ -133,9 +112,9 @@ int main(int, char** argv) {
           load_image(picture, (work + "/" + name).c_str());
           const int strength = chosen(name);
           Sums one;
-          one.chosen = interior_psnr(restored(picture, psf, strength), sharp);
+          one.chosen = interior_psnr(deconv_restored(picture, psf, strength), sharp);
           for (const int s : grid) {
-            const double value = interior_psnr(restored(picture, psf, s), sharp);
+            const double value = interior_psnr(deconv_restored(picture, psf, s), sharp);
             one.best = std::max(one.best, value);
             if (s == 10) one.fallback = value;
           }

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "engine/deconv.h"
+#include "bench/photo_cases.h"
 #include "psf/kernels.h"
 #include "tests/support.h"
 #include "tool/value_range.h"
@@ -14,28 +15,6 @@ namespace {
 
 constexpr int side = 160, border = 20;
 
-// The crop at (x, y) of the photograph blurred by `psf`, with Gaussian noise
-// of `noise` times 255, rounded and clamped to bytes.
-CImg<float> blurred(const CImg<float>& photo, const CImg<float>& psf, int x, int y, double noise, unsigned seed) {
-  const int margin = psf.width();
-  CImg<float> out = photo.get_crop(x - margin, y - margin, x + side - 1 + margin, y + side - 1 + margin)
-                        .convolve(psf / psf.sum(), 1)
-                        .crop(margin, margin, margin + side - 1, margin + side - 1);
-  std::mt19937 rng(seed);
-  std::normal_distribution<float> gauss(0.0f, (float)(noise * 255));
-  for (float& v : out) v = std::min(255.0f, std::max(0.0f, std::round(v + (noise > 0 ? gauss(rng) : 0.0f))));
-  return out;
-}
-
-// What deconv writes for this picture at this strength, as bytes' values.
-CImg<float> restored(const CImg<float>& picture, const CImg<float>& psf, int strength) {
-  CImg<float> image = picture / 255.0f, kernel(psf), output(image.width(), image.height(), 1, image.spectrum());
-  normalize_to_unit_sum(kernel);
-  CDeconv engine(2, strength);
-  engine.deconv_nonblind(output, image, kernel);
-  for (float& v : output) v = (float)to_file_value(v, 255);
-  return output;
-}
 
 class Strength : public SemaphoreTest {
  protected:
@@ -58,8 +37,8 @@ class Strength : public SemaphoreTest {
 
 TEST_F(Strength, NoiseRaisesTheChoice) {
   const CImg<float> photo = load(std::string(DECONV_TESTDATA) + "/astronaut.png"), psf = disk_psf(5);
-  const int clean = chosen(blurred(photo, psf, 170, 40, 0, 7), psf, "picture.pnm");
-  const int noisy = chosen(blurred(photo, psf, 170, 40, 0.02, 7), psf, "picture.pnm");
+  const int clean = chosen(blurred_crop(photo, psf, 170, 40, side, 0, 7), psf, "picture.pnm");
+  const int noisy = chosen(blurred_crop(photo, psf, 170, 40, side, 0.02, 7), psf, "picture.pnm");
   std::printf("a disk of radius 5: strength %d without noise, %d at 2 %% noise\n", clean, noisy);
   EXPECT_LE(clean, 5);
   EXPECT_GE(noisy, 3 * clean);
@@ -77,11 +56,11 @@ TEST_F(Strength, OnAJpegTheChoiceBeatsTheDefault) {
   for (const auto& c : cases) {
     const CImg<float> photo = load(std::string(DECONV_TESTDATA) + "/" + c.photo);
     const CImg<float> sharp = photo.get_crop(c.x, c.y, c.x + side - 1, c.y + side - 1);
-    const int strength = chosen(blurred(photo, c.psf, c.x, c.y, 0.02, 11), c.psf, "picture.jpg", "-quality 90");
+    const int strength = chosen(blurred_crop(photo, c.psf, c.x, c.y, side, 0.02, 11), c.psf, "picture.jpg", "-quality 90");
     ASSERT_TRUE(strength >= 1 && strength <= 200) << c.photo;
     const CImg<float> jpeg = load(dir / "picture.jpg");
-    const double choice = interior_psnr(restored(jpeg, c.psf, strength), sharp, border, 2);
-    const double fallback = interior_psnr(restored(jpeg, c.psf, 10), sharp, border, 2);
+    const double choice = interior_psnr(deconv_restored(jpeg, c.psf, strength), sharp, border, 2);
+    const double fallback = interior_psnr(deconv_restored(jpeg, c.psf, 10), sharp, border, 2);
     std::printf("%s at 2 %% noise as JPEG: strength %d, %.2f dB; default 10, %.2f dB\n", c.photo, strength, choice,
                 fallback);
     EXPECT_GE(choice, fallback + 0.5) << c.photo;
