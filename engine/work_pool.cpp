@@ -12,6 +12,15 @@
 
 #include "engine/deconv.h"
 
+namespace {
+
+// The C library keeps one table of the process's named semaphores, behind a
+// lock of its own that the thread sanitizer cannot see; engines made at once
+// on several threads also take this one around sem_open and sem_close.
+pthread_mutex_t semaphore_table = PTHREAD_MUTEX_INITIALIZER;
+
+}  // namespace
+
 CDeconv::CDeconv(const int worker_count, const int strength) : CDeconv(worker_count, strength, SEMAPHORES_MACHINE) {}
 
 CDeconv::CDeconv(const int worker_count, const int strength, const SemaphoreScope scope)
@@ -19,6 +28,7 @@ CDeconv::CDeconv(const int worker_count, const int strength, const SemaphoreScop
   pthread_mutex_init(&fft_mutex, nullptr);
   pthread_mutex_init(&queue_mutex, nullptr);
   pthread_mutex_init(&accum_mutex, nullptr);
+  pthread_mutex_lock(&semaphore_table);
   if (scope == SEMAPHORES_PRIVATE) {
     open_private_semaphores();
   } else {
@@ -27,6 +37,7 @@ CDeconv::CDeconv(const int worker_count, const int strength, const SemaphoreScop
     work_complete = sem_open("WorkCompleteSemaphore", O_CREAT, 0600, 0);
     psf_fft_done = sem_open("PsfFftDoneSemaphore", O_CREAT, 0600, 0);
   }
+  pthread_mutex_unlock(&semaphore_table);
   // A negative count widens to a huge size and fails here with length_error,
   // before any thread exists; the semaphores then stay behind.
   workers.resize(worker_count, pthread_t());
@@ -38,9 +49,11 @@ CDeconv::~CDeconv() {
   pthread_mutex_destroy(&fft_mutex);
   pthread_mutex_destroy(&queue_mutex);
   pthread_mutex_destroy(&accum_mutex);
+  pthread_mutex_lock(&semaphore_table);
   sem_close(work_available);
   sem_close(work_complete);
   sem_close(psf_fft_done);
+  pthread_mutex_unlock(&semaphore_table);
   if (semaphore_scope == SEMAPHORES_PRIVATE) return;  // unlinked when they were opened
   sem_unlink("WorkAvailableSemaphore");
   sem_unlink("WorkCompleteSemaphore");
@@ -67,6 +80,7 @@ void CDeconv::open_private_semaphores() {
       if (errno != EEXIST || attempt == 100) {
         const int error = errno;
         for (int made = 0; made < role; ++made) sem_close(*targets[made]);
+        pthread_mutex_unlock(&semaphore_table);
         pthread_mutex_destroy(&fft_mutex);
         pthread_mutex_destroy(&queue_mutex);
         pthread_mutex_destroy(&accum_mutex);
