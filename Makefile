@@ -49,6 +49,7 @@ bench: setup
 	@cmake --build $(BUILD)-bench -j $(JOBS)
 	@for b in $(BUILD)-bench/bench/bench_*; do $$b; done
 	@bench/batch_bench.sh $(BUILD)-bench
+	@bench/restore_bench.sh $(BUILD)-bench
 
 # The Debian package, from the Release build: build/deconv_<version>_amd64.deb.
 package: build
