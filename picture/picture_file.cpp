@@ -364,10 +364,14 @@ void encode(const std::string& path, OIIO::ImageSpec spec, const Image& image, c
   if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
   // Deflate's level 4 rather than the writer's 6: on a 12-megapixel photograph
   // it encodes in a third of the time for a file 5 to 7 % larger, and on grainy
-  // pictures, which hardly compress at all, the level changes neither. A level
-  // the caller's metadata names is kept.
-  if (!std::strcmp(out->format_name(), "png") && !spec.find_attribute("png:compressionLevel"))
-    spec.attribute("png:compressionLevel", 4);
+  // pictures, which hardly compress at all, the level changes neither. The
+  // Paeth filter on every row rather than the best of five a row: 15 to 25 %
+  // less time again, for files of the same size on photographs and 3 % larger
+  // on grainy ones. What the caller's metadata names is kept.
+  if (!std::strcmp(out->format_name(), "png")) {
+    if (!spec.find_attribute("png:compressionLevel")) spec.attribute("png:compressionLevel", 4);
+    if (!spec.find_attribute("png:filter")) spec.attribute("png:filter", 128);  // PNG_FILTER_PAETH
+  }
   // The TIFF writer loses its directory in memory when the Exif one fails to go.
   if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))
     return write_through_file(*out, path, spec, image, alpha);
