@@ -50,6 +50,7 @@ bench: setup
 	@for b in $(BUILD)-bench/bench/bench_*; do [ $${b##*/} = bench_estimate ] || $$b; done
 	@bench/estimate_bench.sh $(BUILD)-bench
 	@bench/batch_bench.sh $(BUILD)-bench
+	@bench/restore_bench.sh $(BUILD)-bench
 
 # The Debian package, from the Release build: build/deconv_<version>_amd64.deb.
 package: build

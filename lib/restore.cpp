@@ -2,7 +2,9 @@
 // private pool and private semaphores, behind checks that turn the engine's
 // fatal paths (an empty or weightless PSF, a picture too small for the edge
 // taper, no worker at all) into errors the caller can catch.
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "engine/deconv.h"
 #include "lib/image_views.h"
@@ -45,14 +47,24 @@ CImg<float> normalized_kernel(const Image& psf) {
 }
 
 // The restoration stands one pixel toward +x and +y of the picture (the PSF's
-// origin is one pixel short of its middle); rolling it back is exact.
-void align(Image& result) {
-  Image rolled(result.width, result.height, result.channels);
-  for (int c = 0; c < result.channels; ++c)
-    for (int y = 0; y < result.height; ++y)
-      for (int x = 0; x < result.width; ++x)
-        rolled.at(x, y, c) = result.at((x + 1) % result.width, (y + 1) % result.height, c);
-  result.pixels.swap(rolled.pixels);
+// origin is one pixel short of its middle); rolling it back is exact. Done in
+// place, a row at a time from the top, so that no second picture is held: only
+// the first row, which the last one needs, is kept aside.
+void align(Image& image) {
+  const size_t width = image.width, height = image.height;
+  std::vector<float> first(width);
+  // Row `to` takes row `from` moved one sample to the left, its first sample last.
+  const auto roll_row = [width](const float* from, float* to) {
+    const float head = from[0];
+    std::memmove(to, from + 1, (width - 1) * sizeof(float));
+    to[width - 1] = head;
+  };
+  for (int c = 0; c < image.channels; ++c) {
+    float* const plane = image.pixels.data() + c * width * height;
+    std::copy(plane, plane + width, first.begin());
+    for (size_t y = 0; y + 1 < height; ++y) roll_row(plane + (y + 1) * width, plane + y * width);
+    roll_row(first.data(), plane + (height - 1) * width);
+  }
 }
 
 }  // namespace
@@ -71,14 +83,18 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) 
 
   DenormalsAsZero denormals;
   CImg<float> kernel = normalized_kernel(psf);
-  Image result(blurred.width, blurred.height, blurred.channels);
   {
-    CImg<float> input = shared_view(blurred), output = shared_view(result);
+    // The result takes the place of the picture: each channel's job transforms
+    // its whole plane into the thread's buffer before it writes the plane back,
+    // and the tapered input is of no use to anyone afterwards. A second
+    // picture would add about a sixth to the peak memory.
+    CImg<float> planes = shared_view(blurred);
     CDeconv engine(workers, strength, CDeconv::SEMAPHORES_PRIVATE);
     require_taper_ends(engine, kernel, blurred.width, blurred.height);
-    engine.deconv_nonblind(output, input, kernel);
+    engine.deconv_nonblind(planes, planes, kernel);
   }
-  blurred = Image();  // its tapered planes are of no use to anyone
+  Image result = std::move(blurred);
+  blurred = Image();
   if (options.align) align(result);
   if (options.clamp)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;

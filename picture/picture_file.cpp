@@ -47,40 +47,56 @@ SampleDepth depth_of(const OIIO::TypeDesc& format) {
   return SampleDepth::f32;
 }
 
-// Interleaved samples of type T into planes, each divided by `range`
-// (or taken as they are for range 0).
+// A band of interleaved samples of type T, `count` pixels from pixel `first`
+// of the picture on, into the planes, each divided by `range` (or taken as it
+// is for range 0).
 template <class T>
-void deinterleave(const std::vector<T>& samples, const int channels, const float range, const std::vector<Image*>& planes,
-                  const std::vector<int>& sources) {
-  const size_t pixels = samples.size() / channels;
+void deinterleave(const T* const samples, const size_t first, const size_t count, const int channels,
+                  const float range, const std::vector<Image*>& planes, const std::vector<int>& sources) {
   for (size_t p = 0; p < planes.size(); ++p) {
     Image& plane = *planes[p];
-    const int c0 = sources[p];
+    const size_t size = (size_t)plane.width * plane.height;
     for (int c = 0; c < plane.channels; ++c) {
-      float* const out = plane.pixels.data() + (size_t)c * pixels;
-      const T* in = samples.data() + c0 + c;
+      float* const out = plane.pixels.data() + c * size + first;
+      const T* in = samples + sources[p] + c;
       if (range > 0)
-        for (size_t i = 0; i < pixels; ++i, in += channels) out[i] = (float)*in / range;
+        for (size_t i = 0; i < count; ++i, in += channels) out[i] = (float)*in / range;
       else
-        for (size_t i = 0; i < pixels; ++i, in += channels) out[i] = (float)*in;
+        for (size_t i = 0; i < count; ++i, in += channels) out[i] = (float)*in;
     }
   }
 }
 
+// Rows of about a megabyte: small enough to stay in the cache between the
+// decoder and the planes, large enough that a call costs nothing beside them.
+int band_rows(const int width, const int channels, const size_t sample_size, const int height) {
+  const size_t row = (size_t)width * channels * sample_size;
+  return (int)std::max<size_t>(1, std::min<size_t>(height, (1 << 20) / row));
+}
+
+// The file's samples in their own type, a band of rows at a time, so that the
+// planes are the only copy of the whole picture. Tiled files are read whole.
 template <class T>
 void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::TypeDesc type, const float range,
-                  PictureFile& picture, const int colours) {
+                  PictureFile& picture) {
   const OIIO::ImageSpec& spec = in.spec();
-  std::vector<T> samples((size_t)spec.width * spec.height * spec.nchannels);
-  if (!in.read_image(0, 0, 0, spec.nchannels, type, samples.data())) cannot_read(path, in.geterror());
+  const int band = spec.tile_width ? spec.height : band_rows(spec.width, spec.nchannels, sizeof(T), spec.height);
+  std::vector<T> samples((size_t)spec.width * band * spec.nchannels);
   std::vector<Image*> planes{&picture.image};
   std::vector<int> sources{0};
-  if (spec.alpha_channel >= 0) {
+  if (!picture.alpha.empty()) {
     planes.push_back(&picture.alpha);
     sources.push_back(spec.alpha_channel);
   }
-  (void)colours;
-  deinterleave(samples, spec.nchannels, range, planes, sources);
+  for (int y = 0; y < spec.height; y += band) {
+    const int rows = std::min(band, spec.height - y);
+    const bool read = spec.tile_width ? in.read_image(0, 0, 0, spec.nchannels, type, samples.data())
+                                      : in.read_scanlines(0, 0, spec.y + y, spec.y + y + rows, spec.z, 0,
+                                                          spec.nchannels, type, samples.data());
+    if (!read) cannot_read(path, in.geterror());
+    deinterleave(samples.data(), (size_t)y * spec.width, (size_t)rows * spec.width, spec.nchannels, range, planes,
+                 sources);
+  }
 }
 
 }  // namespace
@@ -150,13 +166,13 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   const bool unit = scale == SampleScale::unit;
   switch (picture.depth) {
     case SampleDepth::u8:
-      read_samples<uint8_t>(*in, path, OIIO::TypeDesc::UINT8, unit ? 255.0f : 0.0f, picture, colours);
+      read_samples<uint8_t>(*in, path, OIIO::TypeDesc::UINT8, unit ? 255.0f : 0.0f, picture);
       break;
     case SampleDepth::u16:
-      read_samples<uint16_t>(*in, path, OIIO::TypeDesc::UINT16, unit ? 65535.0f : 0.0f, picture, colours);
+      read_samples<uint16_t>(*in, path, OIIO::TypeDesc::UINT16, unit ? 65535.0f : 0.0f, picture);
       break;
     case SampleDepth::f32:
-      read_samples<float>(*in, path, OIIO::TypeDesc::FLOAT, 0.0f, picture, colours);
+      read_samples<float>(*in, path, OIIO::TypeDesc::FLOAT, 0.0f, picture);
       break;
   }
   return picture;
@@ -182,22 +198,43 @@ T to_sample(float unit, const float maximum) {
   return scaled == scaled ? (T)scaled : 0;
 }
 
+// `count` pixels of the picture from pixel `first` on, interleaved into
+// samples of type T (0..1 scaled to `maximum` for integers).
 template <class T>
-std::vector<T> interleave(const Image& image, const Image* alpha, const float maximum) {
+void interleave(const Image& image, const Image* alpha, const float maximum, const size_t first, const size_t count,
+                T* const samples) {
   const int channels = image.channels + (alpha ? 1 : 0);
   const size_t pixels = (size_t)image.width * image.height;
-  std::vector<T> samples(pixels * channels);
   for (int c = 0; c < channels; ++c) {
-    const float* in = c < image.channels ? image.pixels.data() + c * pixels : alpha->pixels.data();
-    T* out = samples.data() + c;
-    for (size_t i = 0; i < pixels; ++i, out += channels) {
+    const float* const in = (c < image.channels ? image.pixels.data() + c * pixels : alpha->pixels.data()) + first;
+    T* out = samples + c;
+    for (size_t i = 0; i < count; ++i, out += channels) {
       if constexpr (std::is_same_v<T, float>)
         *out = in[i];
       else
         *out = to_sample<T>(in[i], maximum);
     }
   }
-  return samples;
+}
+
+// The picture through the writer, interleaved in the file's type a band of
+// rows at a time, so that the planes are the only copy of the whole picture.
+// False at the first band the writer refuses.
+bool write_rows(OIIO::ImageOutput& out, const OIIO::ImageSpec& spec, const Image& image, const Image* alpha) {
+  const int band = band_rows(spec.width, spec.nchannels, spec.format.size(), spec.height);
+  std::vector<unsigned char> samples((size_t)spec.width * band * spec.nchannels * spec.format.size());
+  for (int y = 0; y < spec.height; y += band) {
+    const int rows = std::min(band, spec.height - y);
+    const size_t first = (size_t)y * spec.width, count = (size_t)rows * spec.width;
+    if (spec.format == OIIO::TypeDesc::UINT8)
+      interleave(image, alpha, 255.0f, first, count, samples.data());
+    else if (spec.format == OIIO::TypeDesc::UINT16)
+      interleave(image, alpha, 65535.0f, first, count, (uint16_t*)samples.data());
+    else
+      interleave(image, alpha, 0.0f, first, count, (float*)samples.data());
+    if (!out.write_scanlines(spec.y + y, spec.y + y + rows, spec.z, spec.format, samples.data())) return false;
+  }
+  return true;
 }
 
 // The spec of the file to write: the metadata of `like` (or none), the
@@ -310,12 +347,12 @@ std::string first_line(const std::string& error) {
 // at the results of their own writes, and one that seeks past what it could
 // not write leaves holes, which read back as zeros.
 void write_through_file(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& spec,
-                        const void* samples) {
+                        const Image& image, const Image* alpha) {
   std::string staged;
   close(open_staged(path, staged));
   try {
     if (!out.open(staged, spec)) cannot_write(path, first_line(out.geterror()));
-    const bool written = out.write_image(spec.format, samples);
+    const bool written = write_rows(out, spec, image, alpha);
     if (!out.close() || !written) cannot_write(path, first_line(out.geterror()));
     struct stat status;
     if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
@@ -369,43 +406,55 @@ class MemoryFile : public OIIO::Filesystem::IOProxy {
 // OpenImageIO's PNM writer garbles 16-bit samples; the format is simple
 // enough to write here: a header, then the samples, 16-bit ones big-endian.
 bool is_pnm(const std::string& format, const OIIO::ImageSpec& spec) {
-  return format == "pnm" && spec.format != OIIO::TypeDesc::FLOAT && (spec.nchannels == 1 || spec.nchannels == 3);
+  return format == "pnm" && spec.format != OIIO::TypeDesc::FLOAT && spec.alpha_channel < 0 &&
+         (spec.nchannels == 1 || spec.nchannels == 3);
 }
 
-std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& spec, const void* samples) {
+std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& spec, const Image& image) {
   const bool wide = spec.format == OIIO::TypeDesc::UINT16;
   const std::string header = std::string(spec.nchannels == 1 ? "P5" : "P6") + "\n" + std::to_string(spec.width) + " " +
                              std::to_string(spec.height) + "\n" + (wide ? "65535" : "255") + "\n";
-  const size_t count = (size_t)spec.width * spec.height * spec.nchannels;
+  const size_t pixels = (size_t)spec.width * spec.height, count = pixels * spec.nchannels;
   std::vector<unsigned char> bytes(header.begin(), header.end());
   bytes.resize(header.size() + count * (wide ? 2 : 1));
-  unsigned char* out = bytes.data() + header.size();
+  unsigned char* const out = bytes.data() + header.size();
   if (!wide) {
-    std::memcpy(out, samples, count);
+    interleave(image, nullptr, 255.0f, 0, pixels, out);
   } else {
-    const uint16_t* in = static_cast<const uint16_t*>(samples);
-    for (size_t i = 0; i < count; ++i) out[2 * i] = (unsigned char)(in[i] >> 8), out[2 * i + 1] = (unsigned char)in[i];
+    std::vector<uint16_t> samples(count);
+    interleave(image, nullptr, 65535.0f, 0, pixels, samples.data());
+    for (size_t i = 0; i < count; ++i) out[2 * i] = (unsigned char)(samples[i] >> 8), out[2 * i + 1] = (unsigned char)samples[i];
   }
   return bytes;
 }
 
-// Encodes the samples in the format `path`'s name says, in memory where the
+// Encodes the picture in the format `path`'s name says, in memory where the
 // writer allows it (it does not look at the results of its own writes), and
 // puts the file in place.
-void encode(const std::string& path, OIIO::ImageSpec spec, const void* samples) {
+void encode(const std::string& path, OIIO::ImageSpec spec, const Image& image, const Image* alpha) {
   auto out = OIIO::ImageOutput::create(path);
   if (!out) cannot_write(path, "no format for this name");
-  if (is_pnm(out->format_name(), spec)) return publish(path, pnm_bytes(spec, samples));
+  if (is_pnm(out->format_name(), spec)) return publish(path, pnm_bytes(spec, image));
   if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
+  // Deflate's level 4 rather than the writer's 6: on a 12-megapixel photograph
+  // it encodes in a third of the time for a file 5 to 7 % larger, and on grainy
+  // pictures, which hardly compress at all, the level changes neither. The
+  // Paeth filter on every row rather than the best of five a row: 15 to 25 %
+  // less time again, for files of the same size on photographs and 3 % larger
+  // on grainy ones. What the caller's metadata names is kept.
+  if (!std::strcmp(out->format_name(), "png")) {
+    if (!spec.find_attribute("png:compressionLevel")) spec.attribute("png:compressionLevel", 4);
+    if (!spec.find_attribute("png:filter")) spec.attribute("png:filter", 128);  // PNG_FILTER_PAETH
+  }
   // The TIFF writer loses its directory in memory when the Exif one fails to go.
   if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))
-    return write_through_file(*out, path, spec, samples);
+    return write_through_file(*out, path, spec, image, alpha);
   std::vector<unsigned char> bytes;
   MemoryFile memory(bytes);
   void* proxy = &memory;
   spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
   if (!out->open(path, spec)) cannot_write(path, first_line(out->geterror()));
-  const bool written = out->write_image(spec.format, samples);
+  const bool written = write_rows(*out, spec, image, alpha);
   if (!out->close() || !written) cannot_write(path, first_line(out->geterror()));
   publish(path, bytes);
 }
@@ -419,11 +468,5 @@ void require_known_format(const std::string& path) {
 void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
                    const Image* alpha) {
   if (alpha && alpha->empty()) alpha = nullptr;
-  const OIIO::ImageSpec spec = spec_for(image, alpha, depth, like);
-  if (depth == SampleDepth::u8)
-    encode(path, spec, interleave<uint8_t>(image, alpha, 255.0f).data());
-  else if (depth == SampleDepth::u16)
-    encode(path, spec, interleave<uint16_t>(image, alpha, 65535.0f).data());
-  else
-    encode(path, spec, interleave<float>(image, alpha, 0.0f).data());
+  encode(path, spec_for(image, alpha, depth, like), image, alpha);
 }

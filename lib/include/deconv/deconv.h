@@ -61,8 +61,8 @@ struct RestoreOptions {
 // small for the PSF's edge taper.
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
 
-// The same, taking the picture's planes over instead of copying them: for
-// large pictures, where a copy would cost memory.
+// The same, taking the picture's planes over instead of copying them, and
+// restoring in them: a large picture is held once, not twice.
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
 
 // The strength (1 to 200, tenths of lambda) expected to restore `blurred`
