@@ -112,7 +112,23 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 // kernel) gives the start. Fills psf and description.
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
-Image draw(const std::string& model, double a, double b);  // sum 1
+Image draw(const std::string& model, double a, double b);  // largest tap 1
+
+// How well a kernel explains the picture: the negative log-likelihood of the
+// picture's spectrum for that blur, a Gaussian prior on the sharp image's
+// gradients and white noise, at their best weights (Lagendijk, Tekalp &
+// Biemond 1990). Lower is better; it needs no sharp estimate, so it does
+// not share the L0 sharp image's bias.
+class BlurLikelihood {
+ public:
+  BlurLikelihood(const Transforms& t, const RealPlane& canvas, double noise);  // noise: its standard deviation
+  double score(const Image& kernel) const;  // any sum; odd square
+
+ private:
+  const Transforms& t_;
+  std::vector<float> power_, DD_, weight_;
+  double floor_;  // the least noise power
+};
 
 // ---- window.cpp
 struct Window {
