@@ -67,6 +67,8 @@ bool set_tuning(const char* setting) {
   else if (name == "speck") t.speck = v;
   else if (name == "edges") t.edges = v;
   else if (name == "loop_faint") t.loop_faint = v;
+  else if (name == "trust_gain") t.trust_gain = v;
+  else if (name == "trust_loss") t.trust_loss = v;
   else return false;
   return true;
 }

@@ -41,6 +41,9 @@ struct Tuning {
   double faint = 0.2, speck = 0.1;           // kernel clean-up
   double loop_faint = 0.1;  // faint taps removed after every kernel step
   double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)
+  // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
+  // blur and loses more than trust_loss to the likeliest disk.
+  double trust_gain = 1.2, trust_loss = 0.06;
 };
 Tuning& tuning();
 
@@ -144,6 +147,9 @@ double noise_level(const Image& plane);
 void check_picture(const Image& plane, int kernel_side);
 // Throws Error when the kernel is not one to stand behind.
 void check_kernel(const Image& kernel, int kernel_side);
+// Throws Error when the picture's likelihood (BlurLikelihood) does not
+// stand behind the kernel.
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads);
 
 }  // namespace estimation
 }  // namespace deconv

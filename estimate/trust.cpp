@@ -1,7 +1,8 @@
 // When not to answer. Before: a picture too small for the kernel's support,
 // too flat to show its blur, or too noisy. After: a kernel that fills its
 // whole support (the blur is larger than the support, or the estimate has
-// drifted into noise).
+// drifted into noise), and one that the picture's own likelihood does not
+// stand behind.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -61,6 +62,28 @@ void check_kernel(const Image& kernel, int kernel_side) {
     throw Error("the blur fills the whole " + std::to_string(kernel_side) + "-pixel support: it is larger, or not one blur (try a larger --size or a --region)");
   if (taps > 0.5 * kernel_side * kernel_side)
     throw Error("the kernel came out spread over its whole support, not a blur to stand behind");
+}
+
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads) {
+  // A middle part of at most 384 x 384 is enough to tell and keeps the
+  // likelihood's many evaluations cheap on large pictures.
+  const int w = std::min(plane.width, 384), h = std::min(plane.height, 384);
+  const Image part = crop(plane, (plane.width - w) / 2, (plane.height - h) / 2, w, h);
+  const Transforms t(good_size(w + kernel_side), good_size(h + kernel_side), threads);
+  const RealPlane canvas = periodic_extension(part, t.width(), t.height());
+  const BlurLikelihood likelihood(t, canvas, noise_level(part));
+  const double n = (double)t.pixels(), own = likelihood.score(kernel);
+  Image none(1, 1, 1);
+  none.pixels[0] = 1;
+  double disk = 1e300;
+  for (double r = 0.5; r <= kernel_side / 2.0; r += 0.5) disk = std::min(disk, likelihood.score(draw("disk", r, 0)));
+  // A kernel that barely explains the picture better than no blur and worse
+  // than some plain disk has mostly fitted the picture's own texture: on the
+  // evaluation's pictures such kernels made most restorations worse than the
+  // blurred picture (bench/estimate_bench.cpp).
+  const double gain = (likelihood.score(none) - own) / n, loss = (own - disk) / n;
+  if (gain < tuning().trust_gain && loss > tuning().trust_loss)
+    throw Error("the blur could not be told apart from the picture's own texture (too few sharp edges)");
 }
 
 }  // namespace estimation
