@@ -69,6 +69,7 @@ bool set_tuning(const char* setting) {
   else if (name == "loop_faint") t.loop_faint = v;
   else if (name == "trust_gain") t.trust_gain = v;
   else if (name == "trust_loss") t.trust_loss = v;
+  else if (name == "trust_least_gain") t.trust_least_gain = v;
   else return false;
   return true;
 }

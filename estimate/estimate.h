@@ -42,8 +42,9 @@ struct Tuning {
   double loop_faint = 0.1;  // faint taps removed after every kernel step
   double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
-  // blur and loses more than trust_loss to the likeliest disk.
-  double trust_gain = 1.2, trust_loss = 0.06;
+  // blur and loses more than trust_loss to the likeliest disk, or gains less
+  // than trust_least_gain.
+  double trust_gain = 1.2, trust_loss = 0.06, trust_least_gain = 0.35;
 };
 Tuning& tuning();
 

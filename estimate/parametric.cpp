@@ -131,11 +131,11 @@ double BlurLikelihood::score(const Image& kernel) const {
     return count * std::log(sigma2) + logs + total / sigma2;
   };
   double best = 1e300, at = 0;
-  for (double l = -10; l <= 2; l += 0.5) {
+  for (double l = -10; l <= 2; l += 1) {
     const double g = nll(l);
     if (g < best) best = g, at = l;
   }
-  for (double l = at - 0.375; l <= at + 0.375; l += 0.125) best = std::min(best, nll(l));
+  for (double l = at - 0.75; l <= at + 0.75; l += 0.25) best = std::min(best, nll(l));
   return best;
 }
 

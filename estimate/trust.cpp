@@ -75,14 +75,24 @@ void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, 
   const double n = (double)t.pixels(), own = likelihood.score(kernel);
   Image none(1, 1, 1);
   none.pixels[0] = 1;
-  double disk = 1e300;
-  for (double r = 0.5; r <= kernel_side / 2.0; r += 0.5) disk = std::min(disk, likelihood.score(draw("disk", r, 0)));
-  // A kernel that barely explains the picture better than no blur and worse
-  // than some plain disk has mostly fitted the picture's own texture: on the
-  // evaluation's pictures such kernels made most restorations worse than the
-  // blurred picture (bench/estimate_bench.cpp).
-  const double gain = (likelihood.score(none) - own) / n, loss = (own - disk) / n;
-  if (gain < tuning().trust_gain && loss > tuning().trust_loss)
+  const Tuning& tune = tuning();
+  const double gain = (likelihood.score(none) - own) / n;
+  // A kernel that hardly explains the picture better than no blur at all, or
+  // barely better and worse than some plain disk, has mostly fitted the
+  // picture's own texture rather than its blur. The disks are tried only
+  // when the answer hangs on them, the first one that wins settling it.
+  if (gain < tune.trust_least_gain)
+    throw Error("the blur hardly explains the picture better than no blur (too few sharp edges)");
+  if (gain >= tune.trust_gain) return;
+  const auto worse_than_disk = [&](double r) { return (own - likelihood.score(draw("disk", r, 0))) / n > tune.trust_loss; };
+  double radius = 1, least = 1e300;
+  for (double r = 1; r <= kernel_side / 2.0; r += 1) {
+    const double e = likelihood.score(draw("disk", r, 0));
+    if ((own - e) / n > tune.trust_loss) radius = -1;
+    if (radius < 0) break;
+    if (e < least) least = e, radius = r;
+  }
+  if (radius < 0 || worse_than_disk(radius - 0.5) || worse_than_disk(radius + 0.5))
     throw Error("the blur could not be told apart from the picture's own texture (too few sharp edges)");
 }
 
