@@ -11,7 +11,8 @@
 //                   with a small Tikhonov term, solved on the kernel's support;
 //                   negatives clipped, faint taps and specks removed,
 //                   normalised; centring to a fraction of a pixel and trimming
-//   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h
+//   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h and
+//                   sized by the picture's likelihood (also trust.cpp's check)
 //   transforms.cpp  real-to-complex FFTW plans made once per size
 //   estimate.cpp    the driver: estimate_psf
 #ifndef DECONV_ESTIMATE_ESTIMATE_H
@@ -112,8 +113,9 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 
 // ---- parametric.cpp
 // The model's parameters fitted by the data term |grad x * k - grad y|^2 of
-// the sharp estimate, the kernel drawn by psf/kernels.h; `estimate` (the free
-// kernel) gives the start. Fills psf and description.
+// the sharp estimate, then the size (and a motion's angle) by BlurLikelihood
+// on the blurred canvas; the kernel drawn by psf/kernels.h; `estimate` (the
+// free kernel) gives the start. Fills psf and description.
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
 Image draw(const std::string& model, double a, double b);  // largest tap 1
