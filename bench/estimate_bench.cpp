@@ -9,7 +9,8 @@
 // Run it in a /dev/shm of its own (the engine's semaphores are the machine's):
 //   unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec bench_estimate'
 // Options: -v (a line per case), -s S -n N (cases S+1 to N), -t NAME=VALUE (a
-// setting of estimation::Tuning), --no-models, --no-timing.
+// setting of estimation::Tuning), --no-cases (the fits and timing only),
+// --no-models, --no-timing.
 #include <semaphore.h>
 
 #include <cstdio>
@@ -66,6 +67,9 @@ bool set_tuning(const char* setting) {
   else if (name == "speck") t.speck = v;
   else if (name == "edges") t.edges = v;
   else if (name == "loop_faint") t.loop_faint = v;
+  else if (name == "trust_gain") t.trust_gain = v;
+  else if (name == "trust_loss") t.trust_loss = v;
+  else if (name == "trust_least_gain") t.trust_least_gain = v;
   else return false;
   return true;
 }
@@ -73,17 +77,18 @@ bool set_tuning(const char* setting) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool verbose = false, models = true, timing = true;
+  bool verbose = false, cases = true, models = true, timing = true;
   int limit = 1 << 30, skip = 0;
   for (int i = 1; i < argc; ++i) {
     if (!std::strcmp(argv[i], "-v")) verbose = true;
     else if (!std::strcmp(argv[i], "-n") && i + 1 < argc) limit = std::atoi(argv[++i]);
     else if (!std::strcmp(argv[i], "-s") && i + 1 < argc) skip = std::atoi(argv[++i]);
     else if (!std::strcmp(argv[i], "-t") && i + 1 < argc && set_tuning(argv[i + 1])) ++i;
+    else if (!std::strcmp(argv[i], "--no-cases")) cases = false;
     else if (!std::strcmp(argv[i], "--no-models")) models = false;
     else if (!std::strcmp(argv[i], "--no-timing")) timing = false;
     else {
-      std::fprintf(stderr, "usage: bench_estimate [-v] [-s SKIP] [-n N] [-t NAME=VALUE]... [--no-models] [--no-timing]\n");
+      std::fprintf(stderr, "usage: bench_estimate [-v] [-s SKIP] [-n N] [-t NAME=VALUE]... [--no-cases] [--no-models] [--no-timing]\n");
       return 1;
     }
   }
@@ -103,7 +108,7 @@ int main(int argc, char** argv) {
     for (const Kind kind : kinds)
       for (const double noise : noises) {
         const Case c = make_case(photo, kind, noise, 320, rng);
-        if (n++ >= limit || n <= skip) continue;
+        if (!cases || n++ >= limit || n <= skip) continue;
         deconv::PsfEstimate e;
         const Outcome o = evaluate(c, deconv::EstimateOptions(), &e);
         if (std::getenv("ESTIMATE_DUMP") && !o.refused) {
@@ -127,6 +132,7 @@ int main(int argc, char** argv) {
           std::fflush(stdout);
         }
       }
+  if (cases) {
   header("Kind of blur");
   for (const auto& [name, t] : by_kind) t.print(name);
   header("Noise");
@@ -135,6 +141,7 @@ int main(int argc, char** argv) {
   for (const auto& [name, t] : by_photo) t.print(name);
   header("All");
   all.print("all");
+  }
 
   if (models) {
     // The parametric fits: each model on its own kind of blur.

@@ -133,6 +133,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
                      plane.height);
+  check_likelihood(plane, kernel, side, threads);
   PsfEstimate result;
   result.psf = centre_and_trim(kernel);
   result.description = "kernel " + std::to_string(result.psf.width) + " " + std::to_string(result.psf.height);

@@ -11,7 +11,8 @@
 //                   with a small Tikhonov term, solved on the kernel's support;
 //                   negatives clipped, faint taps and specks removed,
 //                   normalised; centring to a fraction of a pixel and trimming
-//   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h
+//   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h and
+//                   sized by the picture's likelihood (also trust.cpp's check)
 //   transforms.cpp  real-to-complex FFTW plans made once per size
 //   estimate.cpp    the driver: estimate_psf
 #ifndef DECONV_ESTIMATE_ESTIMATE_H
@@ -41,6 +42,10 @@ struct Tuning {
   double faint = 0.2, speck = 0.1;           // kernel clean-up
   double loop_faint = 0.1;  // faint taps removed after every kernel step
   double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)
+  // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
+  // blur and loses more than trust_loss to the likeliest disk, or gains less
+  // than trust_least_gain.
+  double trust_gain = 1.2, trust_loss = 0.06, trust_least_gain = 0.35;
 };
 Tuning& tuning();
 
@@ -108,11 +113,28 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 
 // ---- parametric.cpp
 // The model's parameters fitted by the data term |grad x * k - grad y|^2 of
-// the sharp estimate, the kernel drawn by psf/kernels.h; `estimate` (the free
-// kernel) gives the start. Fills psf and description.
+// the sharp estimate, then the size (and a motion's angle) by BlurLikelihood
+// on the blurred canvas; the kernel drawn by psf/kernels.h; `estimate` (the
+// free kernel) gives the start. Fills psf and description.
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
-Image draw(const std::string& model, double a, double b);  // sum 1
+Image draw(const std::string& model, double a, double b);  // largest tap 1
+
+// How well a kernel explains the picture: the negative log-likelihood of the
+// picture's spectrum for that blur, a Gaussian prior on the sharp image's
+// gradients and white noise, at their best weights (Lagendijk, Tekalp &
+// Biemond 1990). Lower is better; it needs no sharp estimate, so it does
+// not share the L0 sharp image's bias.
+class BlurLikelihood {
+ public:
+  BlurLikelihood(const Transforms& t, const RealPlane& canvas, double noise);  // noise: its standard deviation
+  double score(const Image& kernel) const;  // any sum; odd square
+
+ private:
+  const Transforms& t_;
+  std::vector<float> power_, DD_, weight_;
+  double floor_;  // the least noise power
+};
 
 // ---- window.cpp
 struct Window {
@@ -128,6 +150,9 @@ double noise_level(const Image& plane);
 void check_picture(const Image& plane, int kernel_side);
 // Throws Error when the kernel is not one to stand behind.
 void check_kernel(const Image& kernel, int kernel_side);
+// Throws Error when the picture's likelihood (BlurLikelihood) does not
+// stand behind the kernel.
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads);
 
 }  // namespace estimation
 }  // namespace deconv

@@ -1,7 +1,8 @@
 // When not to answer. Before: a picture too small for the kernel's support,
 // too flat to show its blur, or too noisy. After: a kernel that fills its
 // whole support (the blur is larger than the support, or the estimate has
-// drifted into noise).
+// drifted into noise), and one that the picture's own likelihood does not
+// stand behind.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -61,6 +62,38 @@ void check_kernel(const Image& kernel, int kernel_side) {
     throw Error("the blur fills the whole " + std::to_string(kernel_side) + "-pixel support: it is larger, or not one blur (try a larger --size or a --region)");
   if (taps > 0.5 * kernel_side * kernel_side)
     throw Error("the kernel came out spread over its whole support, not a blur to stand behind");
+}
+
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads) {
+  // A middle part of at most 384 x 384 is enough to tell and keeps the
+  // likelihood's many evaluations cheap on large pictures.
+  const int w = std::min(plane.width, 384), h = std::min(plane.height, 384);
+  const Image part = crop(plane, (plane.width - w) / 2, (plane.height - h) / 2, w, h);
+  const Transforms t(good_size(w + kernel_side), good_size(h + kernel_side), threads);
+  const RealPlane canvas = periodic_extension(part, t.width(), t.height());
+  const BlurLikelihood likelihood(t, canvas, noise_level(part));
+  const double n = (double)t.pixels(), own = likelihood.score(kernel);
+  Image none(1, 1, 1);
+  none.pixels[0] = 1;
+  const Tuning& tune = tuning();
+  const double gain = (likelihood.score(none) - own) / n;
+  // A kernel that hardly explains the picture better than no blur at all, or
+  // barely better and worse than some plain disk, has mostly fitted the
+  // picture's own texture rather than its blur. The disks are tried only
+  // when the answer hangs on them, the first one that wins settling it.
+  if (gain < tune.trust_least_gain)
+    throw Error("the blur hardly explains the picture better than no blur (too few sharp edges)");
+  if (gain >= tune.trust_gain) return;
+  const auto worse_than_disk = [&](double r) { return (own - likelihood.score(draw("disk", r, 0))) / n > tune.trust_loss; };
+  double radius = 1, least = 1e300;
+  for (double r = 1; r <= kernel_side / 2.0; r += 1) {
+    const double e = likelihood.score(draw("disk", r, 0));
+    if ((own - e) / n > tune.trust_loss) radius = -1;
+    if (radius < 0) break;
+    if (e < least) least = e, radius = r;
+  }
+  if (radius < 0 || worse_than_disk(radius - 0.5) || worse_than_disk(radius + 0.5))
+    throw Error("the blur could not be told apart from the picture's own texture (too few sharp edges)");
 }
 
 }  // namespace estimation
