@@ -25,6 +25,7 @@
 
 #include "engine/deconv.h"
 #include "estimate/estimate.h"
+#include "bench/photo_cases.h"
 #include "psf/kernels.h"
 #include "strength/weigh.h"
 #include "tool/image_io.h"
@@ -170,15 +171,6 @@ inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
   return weigh_picture(image, engine).strength();
 }
 
-// What deconv writes for this picture, PSF and strength, as bytes' values.
-inline CImg<float> restored(const CImg<float>& picture, const CImg<float>& psf, int strength) {
-  CImg<float> image = picture / 255.0f, kernel(psf), output(image.width(), image.height(), 1, image.spectrum());
-  normalize_to_unit_sum(kernel);
-  CDeconv engine(2, strength);
-  engine.deconv_nonblind(output, image, kernel);
-  for (float& v : output) v = (float)to_file_value(v, 255);
-  return output;
-}
 
 // MSE over the interior at the best whole-pixel offset up to `shift`.
 inline double interior_mse(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
@@ -214,12 +206,12 @@ inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, d
     o.reason = error.what();
   }
   o.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  o.mse_true = interior_mse(restored(c.blurred, c.blur.psf, chosen_strength(c.blurred, c.blur.psf)), c.sharp, border, shift);
+  o.mse_true = interior_mse(deconv_restored(c.blurred, c.blur.psf, chosen_strength(c.blurred, c.blur.psf)), c.sharp, border, shift);
   o.mse_blurred = interior_mse(c.blurred, c.sharp, border, shift);
   if (o.refused) return o;
   o.description = e.description;
   const CImg<float> psf = as_file(e.psf);
-  o.mse_estimated = interior_mse(restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
   if (estimate) *estimate = std::move(e);
   return o;
 }
