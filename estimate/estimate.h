@@ -54,6 +54,8 @@ Image luminance(const Image& picture);                    // one plane
 Image crop(const Image& plane, int x, int y, int width, int height);
 Image resample(const Image& plane, int width, int height);  // anti-aliased when it shrinks
 Image resize_kernel(const Image& kernel, int side);         // odd side, sum 1
+// The first plane at (x, y) by bilinear interpolation; zeros beyond its edges.
+double bilinear(const Image& plane, double x, double y);
 struct Level {
   double scale;     // of the picture
   int kernel_side;  // odd

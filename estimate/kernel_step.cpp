@@ -195,15 +195,7 @@ Image centre_and_trim(const Image& kernel) {
   for (int y = 0; y < side; ++y)
     for (int x = 0; x < side; ++x) {
       const double sx = x - half + cx, sy = y - half + cy;
-      const int x0 = (int)std::floor(sx), y0 = (int)std::floor(sy);
-      const double fx = sx - x0, fy = sy - y0;
-      double v = 0;
-      for (int j = 0; j < 2; ++j)
-        for (int i = 0; i < 2; ++i) {
-          const int xi = x0 + i, yj = y0 + j;
-          if (xi < 0 || yj < 0 || xi >= kernel.width || yj >= kernel.height) continue;
-          v += (i ? fx : 1 - fx) * (j ? fy : 1 - fy) * kernel.at(xi, yj);
-        }
+      const double v = bilinear(kernel, sx, sy);
       out.at(x, y) = (float)v;
       peak = std::max(peak, (float)v);
     }

@@ -83,6 +83,19 @@ Image resample(const Image& plane, int width, int height) {
   return out;
 }
 
+double bilinear(const Image& plane, const double x, const double y) {
+  const int x0 = (int)std::floor(x), y0 = (int)std::floor(y);
+  const double fx = x - x0, fy = y - y0;
+  double v = 0;
+  for (int j = 0; j < 2; ++j)
+    for (int i = 0; i < 2; ++i) {
+      const int xi = x0 + i, yj = y0 + j;
+      if (xi < 0 || yj < 0 || xi >= plane.width || yj >= plane.height) continue;
+      v += (i ? fx : 1 - fx) * (j ? fy : 1 - fy) * plane.at(xi, yj);
+    }
+  return v;
+}
+
 Image resize_kernel(const Image& kernel, int side) {
   Image out(side, side, 1);
   const double f = (double)side / kernel.width, c_in = kernel.width / 2, c_out = side / 2;
@@ -90,15 +103,7 @@ Image resize_kernel(const Image& kernel, int side) {
   for (int y = 0; y < side; ++y)
     for (int x = 0; x < side; ++x) {
       const double sx = (x - c_out) / f + c_in, sy = (y - c_out) / f + c_in;
-      const int x0 = (int)std::floor(sx), y0 = (int)std::floor(sy);
-      const double fx = sx - x0, fy = sy - y0;
-      double v = 0;
-      for (int j = 0; j < 2; ++j)
-        for (int i = 0; i < 2; ++i) {
-          const int xi = x0 + i, yj = y0 + j;
-          if (xi < 0 || yj < 0 || xi >= kernel.width || yj >= kernel.height) continue;
-          v += (i ? fx : 1 - fx) * (j ? fy : 1 - fy) * kernel.at(xi, yj);
-        }
+      const double v = bilinear(kernel, sx, sy);
       out.at(x, y) = (float)std::max(0.0, v);
       sum += std::max(0.0, v);
     }
