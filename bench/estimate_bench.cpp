@@ -98,8 +98,8 @@ int main(int argc, char** argv) {
   const Kind kinds[] = {Kind::shake, Kind::motion, Kind::disk, Kind::gaussian};
   const double noises[] = {0, 0.005, 0.01};
 
-  std::printf("deconv-estimate: %zu photographs x 4 kinds of blur x 3 noise levels, crops of 320 pixels, "
-              "the kernel's size not given\n", list.size());
+  std::printf("deconv-estimate: %zu photographs x 4 kinds of blur x 3 noise levels, pictures of up to %d pixels a side, "
+              "the kernel's size not given\n", list.size(), picture_side);
   Tally all;
   std::map<std::string, Tally> by_kind, by_noise, by_photo;
   std::mt19937 rng(2026);
@@ -107,7 +107,7 @@ int main(int argc, char** argv) {
   for (const Photo& photo : list)
     for (const Kind kind : kinds)
       for (const double noise : noises) {
-        const Case c = make_case(photo, kind, noise, 320, rng);
+        const Case c = make_case(photo, kind, noise, picture_side, rng);
         if (!cases || n++ >= limit || n <= skip) continue;
         deconv::PsfEstimate e;
         const Outcome o = evaluate(c, deconv::EstimateOptions(), &e);
@@ -153,7 +153,7 @@ int main(int argc, char** argv) {
       for (const Photo& photo : list)
         for (const double noise : noises) {
           if (cases >= limit) break;
-          const Case c = make_case(photo, kind, noise, 320, mrng);
+          const Case c = make_case(photo, kind, noise, picture_side, mrng);
           deconv::EstimateOptions options;
           options.model = kind_name(kind);
           deconv::PsfEstimate e;

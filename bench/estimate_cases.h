@@ -194,6 +194,10 @@ struct Outcome {
 };
 
 constexpr int border = 32, shift = 3;
+// The evaluation's pictures: whole photographs, or crops of this side of the
+// larger ones (a photograph of a few megapixels is estimated on a window of
+// about one anyway).
+constexpr int picture_side = 800;
 
 inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, deconv::PsfEstimate* estimate = nullptr) {
   Outcome o;
