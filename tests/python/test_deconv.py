@@ -67,34 +67,28 @@ class SameAsCommand(unittest.TestCase):
 
 
 class Reading(unittest.TestCase):
-    """Every type and layout is read as its equivalent in float32 0..1."""
+    """Every type and layout is read as its equivalent in float32 0..1; a
+    PSF's first channel counts, whatever its type."""
 
     def test_types_and_layouts(self):
         psf = deconv.draw_psf("gaussian:1.5")
         unit = picture((32, 40, 3), seed=2)
         cases = {
             "int16 by 32767": ((unit * 32767).astype(np.int16), (unit * 32767).astype(np.int16) / np.float32(32767)),
-            "int8 by 127": ((unit * 127).astype(np.int8), (unit * 127).astype(np.int8) / np.float32(127)),
             "bool as 0 and 1": (unit > 0.5, (unit > 0.5).astype(np.float32)),
-            "float64 rounded": (unit, unit.astype(np.float32)),
             "big-endian uint16": ((unit * 65535).astype(">u2"), (unit * 65535).astype(np.uint16) / np.float32(65535)),
-            "flipped view": (unit.astype(np.float32)[::-1, ::-1], np.ascontiguousarray(unit.astype(np.float32)[::-1, ::-1])),
-            "channels last of a transpose": (unit.astype(np.float32).transpose(1, 0, 2),
-                                             np.ascontiguousarray(unit.astype(np.float32).transpose(1, 0, 2))),
-            "one channel of three dimensions": (unit[..., :1].astype(np.float32), unit[..., :1].astype(np.float32)),
+            "flipped view": (unit[::-1, ::-1], np.ascontiguousarray(unit[::-1, ::-1])),
+            "channels last of a transpose": (unit.transpose(1, 0, 2), np.ascontiguousarray(unit.transpose(1, 0, 2))),
+            "one channel of three dimensions": (unit[..., :1], unit[..., :1]),
         }
         for name, (given, same) in cases.items():
             with self.subTest(name):
                 result = deconv.restore(given, psf, strength=10, workers=1)
                 self.assertEqual(result.shape, given.shape)
                 np.testing.assert_array_equal(result, deconv.restore(same.astype(np.float32), psf, strength=10, workers=1))
-
-    def test_psf_takes_first_channel_of_any_type(self):
-        blurred = picture((32, 40), seed=3).astype(np.float32)
-        psf = deconv.draw_psf("disk:2")
         coloured = np.stack([psf, np.ones_like(psf), np.zeros_like(psf)], axis=2).astype(np.float64)
-        np.testing.assert_array_equal(deconv.restore(blurred, coloured, strength=10, workers=1),
-                                      deconv.restore(blurred, psf, strength=10, workers=1))
+        np.testing.assert_array_equal(deconv.restore(unit, coloured, strength=10, workers=1),
+                                      deconv.restore(unit, psf, strength=10, workers=1))
 
     def test_auto_strength_is_the_chosen_one(self):
         blurred = (picture((48, 48, 3), seed=4) * 255).astype(np.uint8)

@@ -198,31 +198,26 @@ CImg<float> gaussian(int size, float sigma) {
   return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
 }
 
+// A sample of bench/photographs_bench.cpp, through the binary: sizes even,
+// odd and prime, grey and colour, no regularisation, a PSF of colour planes.
 TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
-  CImg<float> disk(7, 7), colour_psf(7, 7, 1, 3), l_shape(5, 5, 1, 1, 0);
-  cimg_forXY(disk, x, y) disk(x, y) = std::hypot(x - 3, y - 3) <= 3 ? 255 : 0;
+  CImg<float> colour_psf(7, 7, 1, 3);
   for (int c = 0; c < 3; ++c) colour_psf.get_shared_channel(c) = gaussian(7, 1.2f);
-  for (int i = 0; i < 5; ++i) l_shape(i, i) = l_shape(i, 4) = 255 - 40 * i;
   struct {
-    const char* photo;
     int w, h;
     bool grey;
     CImg<float> psf;
     int strength, max_shift;
     double gain_db;
-  } cases[] = {{"astronaut.png", 96, 80, false, CImg<float>(1, 1, 1, 1, 255), 10, 1, -3},  // nothing to undo
-               {"astronaut.png", 160, 128, false, gaussian(9, 1.6f), 10, 2, 1.5},  // sizes even, odd and prime
-               {"rocket.jpg", 151, 131, true, gaussian(9, 1.6f), 10, 2, 1},
-               {"astronaut.png", 127, 113, true, CImg<float>(9, 1, 1, 1, 255), 10, 2, 2},  // linear motion
-               {"rocket.jpg", 131, 109, false, disk, 10, 2, 2},
-               {"astronaut.png", 144, 144, true, CImg<float>(4, 4, 1, 1, 255), 10, 2, 2},  // an even box
-               {"astronaut.png", 150, 120, false, l_shape, 10, 3, 1.5},
+  } cases[] = {{96, 80, false, CImg<float>(1, 1, 1, 1, 255), 10, 1, -3},  // nothing to undo
+               {160, 128, false, gaussian(9, 1.6f), 10, 2, 1.5},
+               {127, 113, true, CImg<float>(9, 1, 1, 1, 255), 10, 2, 2},  // linear motion
                // No regularisation, a plain inverse filter: for a PSF with |H| >= 1/9.
-               {"astronaut.png", 128, 128, true, CImg<float>(3, 3, 1, 1, 1.0, 4.0, 1.0, 4.0, 16.0, 4.0, 1.0, 4.0, 1.0), 0, 2, 0.5},
-               {"astronaut.png", 128, 128, false, gaussian(9, 1.6f), 200, 2, 0.2},
-               {"astronaut.png", 160, 160, false, colour_psf, 10, 8, 1}};  // the first plane sums to 1/3: centring overshoots
+               {128, 128, true, CImg<float>(3, 3, 1, 1, 1.0, 4.0, 1.0, 4.0, 16.0, 4.0, 1.0, 4.0, 1.0), 0, 2, 0.5},
+               {160, 160, false, colour_psf, 10, 8, 1}};  // the first plane sums to 1/3: centring overshoots
+  const CImg<float> photo = load(std::string(DECONV_TESTDATA) + "/astronaut.png");
   for (const auto& c : cases) {
-    CImg<float> sharp = load(std::string(DECONV_TESTDATA) + "/" + c.photo).crop(60, 40, 59 + c.w, 39 + c.h);
+    CImg<float> sharp = photo.get_crop(60, 40, 59 + c.w, 39 + c.h);
     if (c.grey) sharp = (sharp.get_channel(0) + sharp.get_channel(1) + sharp.get_channel(2)) / 3;
     // Blurred as a lens blurs a larger scene: the picture's edge repeats outward.
     sharp.get_convolve(c.psf.get_channel(0) / c.psf.get_channel(0).sum(), 1).round().save_pnm((dir / "blurred.pnm").c_str());
@@ -231,8 +226,8 @@ TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
     // The 1 x 1 PSF's "blurred" copy is exact, at infinite PSNR.
     const double before = std::min(45.0, interior_psnr(load(dir / "blurred.pnm"), sharp, 16, c.max_shift));
     const double after = interior_psnr(load(dir / "restored.pnm"), sharp, 16, c.max_shift);
-    std::printf("%s %dx%d: blurred %.2f dB, restored %.2f dB\n", c.photo, c.w, c.h, before, after);
-    EXPECT_GT(after, before + c.gain_db) << c.photo << " " << c.w << "x" << c.h;
+    std::printf("%dx%d: blurred %.2f dB, restored %.2f dB\n", c.w, c.h, before, after);
+    EXPECT_GT(after, before + c.gain_db) << c.w << "x" << c.h;
   }
   // The derivative jobs add into S in the order they finish: a float's last
   // bit, and so a byte by one, may differ between worker counts.
