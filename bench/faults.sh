@@ -15,7 +15,7 @@ first=${1:-1} last=${2:-1000}
 faults=(
   'engine/channel_solve.cpp|const V g = s * r;|const V g = r;|the filter drops the fidelity weight S'
   'engine/psf_support.cpp|(long long)ceilf(w * 0.5f)|(long long)floorf(w * 0.5f)|the PSF is re-centred one pixel off in x'
-  'engine/edge_taper.cpp|const float sign = p + t - n >= h ? -1.0f : 1.0f;|const float sign = p + t - n > h ? -1.0f : 1.0f;|the far taper band turns one pixel late'
+  'engine/edge_taper.cpp|const int m = (t - h) + p - n;|const int m = (t - h) + p - n + 1;|the far taper band ramps one pixel late'
   'spectral/convolution.cpp|(i + x0 + width / 2) % width|(i + x0 + width / 2 + 1) % width|the kernel lands one pixel off in the convolution'
   'tool/value_range.h|return scaled == scaled ? (unsigned int)scaled : 0;|return scaled == scaled ? (unsigned int)(scaled + 0.5f) : 0;|results rounded instead of truncated'
   'tool/image_io.cpp|load_with_converter(img, path, imagemagick);|load_with_converter(img, path, graphicsmagick);|GraphicsMagick tried before ImageMagick'
@@ -61,7 +61,7 @@ open(path, "w").write(source.replace(text, new))'; then
     printf '%2d  %-55s does not build\n' $n "$what"
     continue
   fi
-  (cd "$work/build" && ctest -j 2 --stop-on-failure >"$work/fault-$n.log" 2>&1)
+  (cd "$work/build" && ctest -j 2 --stop-on-failure --output-on-failure >"$work/fault-$n.log" 2>&1)
   caught=$(sed -n 's/^[[:space:]]*[0-9]* - \(.*\) (.*)$/\1/p' "$work/fault-$n.log" | head -1)
   printf '%2d  %-55s %s\n' $n "$what" "${caught:-MISSED}"
 done
