@@ -27,25 +27,30 @@ test: check sanitize fuzz
 check: build
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
 
-# The whole suite under AddressSanitizer with UndefinedBehaviorSanitizer; the
-# engine and the runs of the command under ThreadSanitizer. Each build has a
-# folder of its own.
+# AddressSanitizer with UndefinedBehaviorSanitizer over the unit tests and
+# the runs of the commands they make (not the batch, the package or the
+# estimation's evaluation, which add time and no code of their own); the pool
+# and the concurrent paths under ThreadSanitizer. Each build has a folder of
+# its own; the fuzzers share the AddressSanitizer build (clang).
+ASAN_CONFIGURE = CC=clang CXX=clang++ cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	-DDECONV_SANITIZE=address -DDECONV_FUZZ=ON >/dev/null
+UNIT_TESTS = spectral_tests engine_tests tool_tests psf_tests strength_tests library_tests restore_tests estimate_tests
+
 sanitize: setup
-	@cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=address >/dev/null
-	@cmake --build $(BUILD)-asan -j $(JOBS)
-	@cd $(BUILD)-asan && ctest --output-on-failure -j $(JOBS)
+	@$(ASAN_CONFIGURE)
+	@cmake --build $(BUILD)-asan -j $(JOBS) --target $(UNIT_TESTS)
+	@cd $(BUILD)-asan && ctest --output-on-failure -j $(JOBS) -E '^(batch|packaging|python)\.|fuzzer|^Evaluation\.'
 	@cmake -S . -B $(BUILD)-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=thread >/dev/null
-	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv engine_tests tool_tests library_tests
-	@cd $(BUILD)-tsan && ctest --output-on-failure -R '^(Engine|Runs|PinnedResults|Library)\.'
+	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv spectral_tests engine_tests tool_tests library_tests
+	@cd $(BUILD)-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Fft|Engine|Runs|PinnedResults|Library)\.'
 
 # libFuzzer (clang) over the native readers and the PSF's preparation, a
 # bounded number of inputs each, under AddressSanitizer and
 # UndefinedBehaviorSanitizer; any report fails.
 fuzz: setup
-	@CC=clang CXX=clang++ cmake -S . -B $(BUILD)-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=address \
-	  -DDECONV_TESTS=OFF -DDECONV_FUZZ=ON >/dev/null
-	@cmake --build $(BUILD)-fuzz -j $(JOBS) --target load_fuzzer psf_fuzzer
-	@cd $(BUILD)-fuzz && ctest --output-on-failure
+	@$(ASAN_CONFIGURE)
+	@cmake --build $(BUILD)-asan -j $(JOBS) --target load_fuzzer psf_fuzzer
+	@cd $(BUILD)-asan && ctest --output-on-failure -R fuzzer
 
 bench: setup
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
@@ -60,4 +65,4 @@ package: build
 	@cd $(BUILD) && cpack
 
 clean:
-	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan $(BUILD)-fuzz
+	rm -rf $(BUILD) $(BUILD)-bench $(BUILD)-asan $(BUILD)-tsan

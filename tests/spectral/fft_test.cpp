@@ -153,10 +153,10 @@ TEST(FftConvolve, ReadInPlaceGivesTheWrittenBitsEverywhere) {
 TEST(FftConvolve, ABadKernelSpectrumThrows189BeforeTouchingTheResult) {
   const CImgList<float> spectrum = forward_spectrum(CImg<float>(6, 4, 1, 1, 1.0f), nullptr);
   CImg<float> result;
-  for (const auto& [image, kernel] : {std::pair{CImg<float>(6, 4), CImgList<float>(spectrum[0])},
-                                      {CImg<float>(6, 4), CImgList<float>(spectrum[0], spectrum[1], spectrum[0])},
-                                      {CImg<float>(6, 5), spectrum}})
-    EXPECT_EQ(thrown<int>([&] { fft_convolve(result, image, kernel, nullptr); }), "189");
+  for (const auto& bad : {std::pair{CImg<float>(6, 4), CImgList<float>(spectrum[0])},
+                           {CImg<float>(6, 4), CImgList<float>(spectrum[0], spectrum[1], spectrum[0])},
+                           {CImg<float>(6, 5), spectrum}})
+    EXPECT_EQ(thrown<int>([&] { fft_convolve(result, bad.first, bad.second, nullptr); }), "189");
   EXPECT_EQ(thrown<int>([&] { fft_convolve_read(CImg<float>(6, 5), spectrum, [](const auto&) {}, nullptr); }), "189");
   EXPECT_TRUE(result.is_empty());
 }
