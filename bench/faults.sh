@@ -3,7 +3,7 @@
 # product: each is put in alone, the suite runs, and the first test that fails
 # is printed ("MISSED" when none does). The suite is only as good as this list
 # says.
-#   bench/faults.sh [FIRST [LAST]]   (fault numbers, 1-based)
+#   [REVISION=COMMIT] bench/faults.sh [FIRST [LAST]]   (fault numbers, 1-based)
 # It works on a worktree of HEAD under build-faults/ (the checkout is left as
 # it is): commit what the suite should be tried on.
 set -uo pipefail
@@ -33,7 +33,7 @@ faults=(
 
 # The worktree stays between runs, so that a second run rebuilds only what
 # changed since.
-head=$(git -C "$root" rev-parse HEAD)
+head=$(git -C "$root" rev-parse "${REVISION:-HEAD}")
 if [ -d "$work/src/.git" ] || [ -f "$work/src/.git" ]; then
   git -C "$work/src" checkout -q -- . && git -C "$work/src" checkout -q --detach "$head" || exit 2
 else

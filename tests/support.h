@@ -56,6 +56,12 @@ inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp,
   return best;
 }
 
+// A round Gaussian PSF as a user draws one by hand: taps 0..255.
+inline CImg<float> gaussian(int size, float sigma) {
+  const float white = 255;
+  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
+}
+
 inline std::string read_file(const std::string& path) {
   std::stringstream content;
   content << std::ifstream(path, std::ios::binary).rdbuf();

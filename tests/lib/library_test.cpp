@@ -21,28 +21,14 @@ deconv::Image to_image(const CImg<float>& img) {
 
 // A crop of a test photograph, 0..1.
 deconv::Image photo(const char* name, int x, int y, int w, int h) {
-  CImg<float> img = load(std::string(DECONV_TESTDATA) + "/" + name).get_crop(x, y, x + w - 1, y + h - 1);
-  scale_to_unit(img);
-  return to_image(img);
+  return to_image(load(std::string(DECONV_TESTDATA) + "/" + name).crop(x, y, x + w - 1, y + h - 1) / 255);
 }
 
-// `sharp` blurred by `psf` around its middle pixel, borders reflected.
+// `sharp` blurred by `psf`, its borders mirrored.
 deconv::Image blur(const deconv::Image& sharp, const deconv::Image& psf) {
-  deconv::Image out(sharp.width, sharp.height, sharp.channels);
-  double total = 0;
-  for (float p : psf.pixels) total += p;
-  const int r = psf.width / 2;
-  const auto reflect = [](int i, int n) { return i < 0 ? -i - 1 : i >= n ? 2 * n - i - 1 : i; };
-  for (int c = 0; c < sharp.channels; ++c)
-    for (int y = 0; y < sharp.height; ++y)
-      for (int x = 0; x < sharp.width; ++x) {
-        double sum = 0;
-        for (int j = 0; j < psf.height; ++j)
-          for (int i = 0; i < psf.width; ++i)
-            sum += psf.at(i, j) * sharp.at(reflect(x + r - i, sharp.width), reflect(y + r - j, sharp.height), c);
-        out.at(x, y, c) = (float)(sum / total);
-      }
-  return out;
+  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
+  return to_image(CImg<float>(sharp.pixels.data(), sharp.width, sharp.height, 1, sharp.channels)
+                      .convolve(kernel / kernel.sum(), 3));
 }
 
 // Mean squared error over the interior, the result taken (dx, dy) away.

@@ -126,8 +126,7 @@ TEST_F(DeconvPsfRestores, ADrawnPsfRestoresAsWellAsAHandMadeOne) {
                          " && " DECONV_PSF_BINARY " gaussian 2 drawn.png")
                             .c_str()),
             0);
-  const float white = 255;
-  CImg<float>(9, 9, 1, 1, 0).draw_gaussian(4, 4, 2.0f, &white).round().save_pnm((dir / "hand.pgm").c_str());
+  gaussian(9, 2.0f).save_pnm((dir / "hand.pgm").c_str());
   const CImg<float> sharp = load(dir / "sharp.pgm");
   const auto psnr = [&](const std::string& name) { return interior_psnr(load(dir / name), sharp, 20, 2); };
   for (const char* psf : {"drawn.png", "hand.pgm"})

@@ -15,11 +15,6 @@ std::string sha256(const std::string& path) {
   return got == 64 ? digest : "unreadable";
 }
 
-CImg<float> gaussian(int size, float sigma) {
-  const float white = 255;
-  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
-}
-
 CImg<float> disk(int radius) {
   CImg<float> img(2 * radius + 1, 2 * radius + 1);
   cimg_forXY(img, x, y) img(x, y) = std::hypot(x - radius, y - radius) <= radius ? 255 : 0;

@@ -193,11 +193,6 @@ TEST_F(Runs, PicturesThatEndTheProcessLeaveTheOutputAlone) {
   EXPECT_EQ(load(dir / "black.pnm").max(), 0);
 }
 
-CImg<float> gaussian(int size, float sigma) {
-  const float white = 255;
-  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
-}
-
 // A sample of bench/photographs_bench.cpp, through the binary: sizes even,
 // odd and prime, grey and colour, no regularisation, a PSF of colour planes.
 TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
