@@ -1,18 +1,10 @@
-// Fuzzes the native readers that the command's routes hand files to (PNM, PFM,
-// BMP, ASC, DLM, INR, PAN and the library's own format; not the converters).
-// The first byte picks the reader, the rest is the file, which the reader gets
-// by name, as in a run: an in-memory file under /proc/self/fd. A reader may
-// refuse a file with any of the library's exceptions; it must never go wrong
-// in a way a sanitizer sees. Sizes are not what is fuzzed: the build caps
-// images at 2^24 values, so that a header asking for gigabytes is refused
-// rather than allocated, and a file of the library's own format that names
-// more than 4096 images is skipped (the list is allocated before anything is
-// read; a run then fails with std::bad_alloc, status 11). Nor are leaks: the
-// library's readers leave their file open when they refuse some headers (an
-// INR header they cannot parse), which costs a command that reads one file
-// per run nothing; the sanitizer suite checks the command's own leaks. This
-// fuzzer therefore runs without leak detection, and closes a descriptor that
-// a reader left open, so that long runs do not run out of them.
+// Fuzzes the native readers the command's routes hand files to (PNM, PFM,
+// BMP, ASC, DLM, INR, PAN and the library's own format). The first byte picks
+// the reader; the rest is the file, read by name through /proc/self/fd. Any of
+// the library's exceptions is a fair refusal; nothing may go wrong in a way a
+// sanitizer sees. Not fuzzed: sizes (the build caps images at 2^24 values,
+// and own-format files naming more than 4096 images are skipped), nor leaks
+// (some readers leave a refused file open; the descriptor is closed here).
 #include <sys/mman.h>
 #include <unistd.h>
 
