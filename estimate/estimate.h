@@ -115,9 +115,10 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 
 // ---- parametric.cpp
 // The model's parameters fitted by the data term |grad x * k - grad y|^2 of
-// the sharp estimate, then the size (and a motion's angle) by BlurLikelihood
-// on the blurred canvas; the kernel drawn by psf/kernels.h; `estimate` (the
-// free kernel) gives the start. Fills psf and description.
+// the sharp estimate, then the size (and a motion's angle) by the blurred
+// picture's likelihood (as BlurLikelihood's, on its periodic component); the
+// kernel drawn by psf/kernels.h; `free_kernel` gives the start. Fills psf and
+// description.
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
 Image draw(const std::string& model, double a, double b);  // largest tap 1

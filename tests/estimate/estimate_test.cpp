@@ -98,8 +98,8 @@ TEST_P(ParametricFits, WithinTheirTolerances) {
   ASSERT_GE(std::sscanf(e.description.c_str(), "%15s %lf %lf", word, &a, &b), 2);
   EXPECT_EQ(std::string(word), kind_name(m.kind));
   // Within the goals: 1 pixel of length, 3 degrees, half a pixel of radius
-  // and 10 % of sigma (these cases reach 0.5 pixel, 2 degrees, 0.1 pixel and
-  // 6 %; bench_estimate prints the share within the goals).
+  // and 10 % of sigma (these cases reach 0.2 pixel, 1.3 degrees, 0.1 pixel and
+  // 5 %; bench_estimate prints the share within the goals).
   if (m.kind == Kind::motion) {
     EXPECT_NEAR(a, c.blur.a, 1.0);
     const double d = std::fmod(std::fabs(b - c.blur.b), 180.0);
