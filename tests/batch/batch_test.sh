@@ -22,6 +22,12 @@ fail() {
   exit 1
 }
 
+# batch ARGS...: runs deconv-batch, its stderr in err and its status in $status.
+batch() {
+  status=0
+  "$build/deconv-batch" "$@" 2>err || status=$?
+}
+
 # N pictures pic-1 ... with a space or a letter beyond ASCII in some names,
 # the PSF, the reference results ref-N.ppm, and a manifest of them all.
 names=()
@@ -77,8 +83,7 @@ case_failures() {
   head -c 600 /dev/urandom >"bad psf.png"
   sed -i "2a missing.png\tpsf.png\tout/missing.ppm" manifest
   printf 'pic-1.png\tbad psf.png\tout/bad.ppm\n' >>manifest
-  local status=0
-  "$build/deconv-batch" -j 4 manifest 2>err || status=$?
+  batch -j 4 manifest
   [ $status = 1 ] || fail "status $status"
   grep -qx "deconv-batch: 4 restored, 2 failed" err || fail "summary: $(cat err)"
   grep -q "^deconv-batch: line 3: status 11: .*Failed to open file '$dir/missing.png'" err || fail "$(cat err)"
@@ -203,8 +208,8 @@ case_hang() {
   "$build/deconv-psf" gaussian 2 wide-psf.png
   convert "$data/astronaut.png" -crop 20x100+200+100 +repage hang.png
   sed -i "2a hang.png\twide-psf.png\tout/hang.ppm" manifest
-  local status=0 start=$SECONDS
-  "$build/deconv-batch" -j 2 --timeout 4 manifest 2>err || status=$?
+  local start=$SECONDS
+  batch -j 2 --timeout 4 manifest
   [ $status = 1 ] && [ $((SECONDS - start)) -le 12 ] || fail "status $status after $((SECONDS - start)) s: $(cat err)"
   grep -qx "deconv-batch: 3 restored, 1 failed" err && grep -qx "deconv-batch: line 3: time limit: stopped after 4 s" err || fail "$(cat err)"
   same_as_reference
@@ -220,13 +225,11 @@ case_hang() {
 case_reasons() {
   make_pictures 2
   mkdir manifest.joblog
-  local status=0
-  "$build/deconv-batch" manifest 2>err || status=$?
+  batch manifest
   [ $status = 1 ] && grep -qx "deconv-batch: 0 restored, 0 failed, 2 not run" err &&
     grep -q "^deconv-batch: nothing run: cannot write the job log $dir/manifest.joblog: Is a directory" err || fail "$(cat err)"
   [ ! -e out ] || fail "a batch without its job log ran"
-  status=0
-  "$build/deconv-batch" -S nosuchhost.invalid - <manifest 2>err || status=$?
+  batch -S nosuchhost.invalid - <manifest
   [ $status = 1 ] && grep -qx "deconv-batch: 0 restored, 0 failed, 2 not run" err &&
     grep -qx "deconv-batch: line 2: not run: host nosuchhost.invalid unreachable" err || fail "$(cat err)"
 }
@@ -250,8 +253,7 @@ case_estimated_psf() {
   convert "$data/astronaut.png" -crop 200x200+150+40 +repage -blur 0x1.5 pic-1.png  # room for a blur of 41
   head -c 600 /dev/urandom >noise.png
   printf 'pic-1.png\tauto\tout/estimated.ppm\nnoise.png\tauto\tout/noise.ppm\n' >manifest
-  local status=0
-  "$build/deconv-batch" manifest 2>err || status=$?
+  batch manifest
   [ $status = 1 ] && grep -q "^deconv-batch: line 2: deconv-estimate: status [1-9][0-9]*: ." err || fail "$(cat err)"
   "$build/deconv-estimate" pic-1.png estimated-psf.png >/dev/null
   alone "$build/deconv" pic-1.png estimated-psf.png expected.ppm 1
@@ -263,18 +265,15 @@ case_command_line() {
   for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "-s automatic manifest" "--sideways manifest" \
     "--timeout -1 manifest" "--depth 16 manifest" "--restore --depth 12 manifest" \
     "manifest manifest" "--resume -" "missing.tsv"; do
-    local status=0
     # shellcheck disable=SC2086
-    "$build/deconv-batch" $args </dev/null 2>err || status=$?
+    batch $args </dev/null
     [ $status = 2 ] || fail "'$args' gave $status"
   done
   printf '# a comment\n\npic-1.png\tpsf.png\n' >short
-  local status=0
-  "$build/deconv-batch" short 2>err || status=$?
+  batch short
   [ $status = 2 ] && grep -q "short line 3: expected INPUT, PSF and OUTPUT separated by tabs" err || fail "$(cat err)"
   printf 'pic-1.png\tpsf.png\tout/a.ppm\npic-1.png\tpsf.png\t./out/a.ppm\n' >twice
-  status=0
-  "$build/deconv-batch" twice 2>err || status=$?
+  batch twice
   [ $status = 2 ] && grep -q "twice line 2: ./out/a.ppm is written by line 1 too" err || fail "$(cat err)"
   [ ! -e out ] || fail "a batch ran with a bad manifest"
   "$build/deconv-batch" --help | grep -q "^usage: deconv-batch" || fail "--help"
