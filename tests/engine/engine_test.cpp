@@ -26,7 +26,7 @@ CImg<float> taps(int w, int h, std::initializer_list<std::tuple<int, int, float>
   return img;
 }
 
-TEST_F(Engine, PoolsComeAndGoWithTheirSemaphoresAndFailAsDesigned) {
+TEST_F(Engine, PoolsComeAndGoWithTheirSemaphores) {
   engine.reset();
   for (const int workers : {1, 3, 16}) {
     delete new CDeconv(workers, 10);  // idle workers are cancelled in sem_wait
@@ -34,11 +34,6 @@ TEST_F(Engine, PoolsComeAndGoWithTheirSemaphoresAndFailAsDesigned) {
   }
   EXPECT_EQ(thrown<std::length_error>([] { CDeconv(-1, 10); }), "vector::_M_fill_insert");
   EXPECT_TRUE(remove_semaphores());  // no destructor ran
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  static CDeconv::WorkItem_t unknown = {nullptr, (CDeconv::WorkTypes)7};
-  EXPECT_DEATH((fresh(1), engine->work_queue.push(&unknown), sem_post(engine->work_available), sem_wait(engine->work_complete)),
-               "terminate called after throwing an instance of 'int'");
-  remove_semaphores();  // the dead child could not
 }
 
 TEST_F(Engine, ThePsfIsCentredByItsRoundedCentroidOnACanvasTwiceItsWidthPlusOne) {
