@@ -1,6 +1,6 @@
 // Test pictures made the way the evaluations and their samples in the suite
-// make them: a photograph's crop blurred as a lens blurs a scene, and what
-// deconv writes for it.
+// make them, and measured alike: a photograph's crop blurred as a lens blurs a
+// scene, a PSF drawn by hand, what deconv writes for it, and its PSNR.
 #ifndef DECONV_BENCH_PHOTO_CASES_H
 #define DECONV_BENCH_PHOTO_CASES_H
 
@@ -22,6 +22,25 @@ inline CImg<float> blurred_crop(const CImg<float>& photo, const CImg<float>& psf
   std::normal_distribution<float> gauss(0.0f, (float)(noise * 255));
   for (float& v : out) v = std::min(255.0f, std::max(0.0f, std::round(v + (noise > 0 ? gauss(rng) : 0.0f))));
   return out;
+}
+
+// A round Gaussian PSF as a user draws one by hand: taps 0..255.
+inline CImg<float> gaussian(int size, float sigma) {
+  const float white = 255;
+  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
+}
+
+// PSNR against the sharp picture over the interior (`border` pixels left out,
+// where the taper works), at the best whole-pixel offset up to `shift`: a
+// restoration stands one pixel toward +x and +y, by design.
+inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
+  const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
+  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
+  double best = 0;
+  for (int dy = -shift; dy <= shift; ++dy)
+    for (int dx = -shift; dx <= shift; ++dx)
+      best = std::max(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
+  return best;
 }
 
 // What deconv writes for this picture (bytes' values) with this PSF and

@@ -23,11 +23,6 @@ namespace {
 
 constexpr int side = 160, border = 16;
 
-CImg<float> gaussian(int size, float sigma) {
-  const float white = 255;
-  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
-}
-
 struct Psf {
   const char* name;
   CImg<float> taps;  // the first plane blurs; all planes restore
@@ -47,16 +42,6 @@ std::vector<Psf> psfs() {
           {"binomial 3 x 3, strength 0", CImg<float>(3, 3, 1, 1, 1.0, 4.0, 1.0, 4.0, 16.0, 4.0, 1.0, 4.0, 1.0), 0},
           {"Gaussian 1.6, strength 200", gaussian(9, 1.6f), 200},
           {"colour planes (centring overshoots)", colour, 10}};
-}
-
-double psnr(const CImg<float>& picture, const CImg<float>& sharp, int shift) {
-  const int right = side - 1 - border, bottom = side - 1 - border;
-  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
-  double best = 0;
-  for (int dy = -shift; dy <= shift; ++dy)
-    for (int dx = -shift; dx <= shift; ++dx)
-      best = std::max(best, picture.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
-  return best;
 }
 
 }  // namespace
@@ -89,7 +74,8 @@ int main(int argc, char** argv) {
       const CImg<float> sharp = photo.get_crop(x, y, x + side - 1, y + side - 1);
       const CImg<float> blurred = blurred_crop(photo, psf.taps.get_channel(0), x, y, side, 0, 1);
       const CImg<float> restored = deconv_restored(blurred, psf.taps, psf.strength);
-      const double before = std::min(60.0, psnr(blurred, sharp, 2)), after = psnr(restored, sharp, 8);
+      const double before = std::min(60.0, interior_psnr(blurred, sharp, border, 2)),
+                   after = interior_psnr(restored, sharp, border, 8);
       blurred_sum += before, restored_sum += after, least = std::min(least, after - before);
     }
     std::printf("| %s | %d | %.2f dB | %.2f dB | %+.2f dB |\n", psf.name, psf.strength, blurred_sum / std::size(photos),

@@ -40,18 +40,6 @@ void shell(const std::string& command) {
 }
 
 
-// PSNR over the interior, at the best whole-pixel offset up to 2: a
-// restoration stands one pixel toward +x and +y, by design.
-double interior_psnr(const CImg<float>& result, const CImg<float>& sharp) {
-  const int right = side - 1 - border, bottom = side - 1 - border;
-  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
-  double best = 0;
-  for (int dy = -2; dy <= 2; ++dy)
-    for (int dx = -2; dx <= 2; ++dx)
-      best = std::max(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
-  return best;
-}
-
 int chosen(const std::string& picture) {
   std::FILE* const pipe = popen(("cd " + work + " && " DECONV_STRENGTH_BINARY " " + picture + " psf.pgm").c_str(), "r");
   int strength = -1;
@@ -112,9 +100,9 @@ int main(int, char** argv) {
           load_image(picture, (work + "/" + name).c_str());
           const int strength = chosen(name);
           Sums one;
-          one.chosen = interior_psnr(deconv_restored(picture, psf, strength), sharp);
+          one.chosen = interior_psnr(deconv_restored(picture, psf, strength), sharp, border, 2);
           for (const int s : grid) {
-            const double value = interior_psnr(deconv_restored(picture, psf, s), sharp);
+            const double value = interior_psnr(deconv_restored(picture, psf, s), sharp, border, 2);
             one.best = std::max(one.best, value);
             if (s == 10) one.fallback = value;
           }

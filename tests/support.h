@@ -1,5 +1,6 @@
 // Helpers of the tests: the engine's named semaphores, exceptions as text,
-// temporary folders, and runs of the deconv binary through the shell.
+// temporary folders, and runs of the deconv binary through the shell; the
+// pictures and measures the evaluations use (bench/photo_cases.h).
 #ifndef DECONV_TESTS_SUPPORT_H
 #define DECONV_TESTS_SUPPORT_H
 
@@ -11,6 +12,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "bench/photo_cases.h"
 #include "tool/image_io.h"
 
 using cimg_library::CImg;
@@ -41,25 +43,6 @@ inline CImg<float> load(const std::string& path) {
   CImg<float> img;
   load_image(img, path.c_str());
   return img;
-}
-
-// PSNR against the sharp picture over the interior (`border` pixels left out,
-// where the taper works), at the best whole-pixel offset up to `shift`: a
-// restoration stands one pixel toward +x and +y, by design.
-inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
-  const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
-  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
-  double best = 0;
-  for (int dy = -shift; dy <= shift; ++dy)
-    for (int dx = -shift; dx <= shift; ++dx)
-      best = std::max(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
-  return best;
-}
-
-// A round Gaussian PSF as a user draws one by hand: taps 0..255.
-inline CImg<float> gaussian(int size, float sigma) {
-  const float white = 255;
-  return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
 }
 
 inline std::string read_file(const std::string& path) {
