@@ -30,9 +30,8 @@ if [ "${DECONV_DISPOSABLE_MACHINE:-}" = 1 ] && [ "$(id -u)" = 0 ]; then
   cd "$work"
   examples=/usr/share/doc/deconv/examples
   deconv $examples/astronaut_blurred.png $examples/motion_psf.png out.png 2
-  [ "$(identify -format '%w %h' out.png)" = "320 320" ]
   deconv-restore --psf motion:9,45 $examples/astronaut_blurred.png restored.png
-  [ "$(identify -format '%w %h' restored.png)" = "320 320" ]
+  [ "$(identify -format '%w %h ' out.png restored.png)" = "320 320 320 320 " ]
   # shellcheck disable=SC2046  # pkg-config's words are separate arguments
   g++ -o consumer "$here/consumer/main.cpp" $(pkg-config --cflags --libs deconv)
   [ "$(./consumer | head -n 1)" = "64x48x3 0.5000 0.5000" ]

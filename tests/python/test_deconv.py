@@ -3,10 +3,10 @@ numpy's types and layouts, its threads, and its errors.
 
 Runs with the module's folder on PYTHONPATH, DECONV_RESTORE naming the
 command and DECONV_TESTDATA the photographs (tests/CMakeLists.txt sets them)."""
+import concurrent.futures
 import os
 import subprocess
 import tempfile
-import threading
 import unittest
 
 import numpy as np
@@ -37,10 +37,7 @@ def write_picture(path, array):
 
 
 def read_floats(path):
-    source = oiio.ImageInput.open(path)
-    samples = source.read_image("float")
-    source.close()
-    return samples
+    return oiio.ImageBuf(path).get_pixels(oiio.FLOAT)
 
 
 class SameAsCommand(unittest.TestCase):
@@ -50,19 +47,15 @@ class SameAsCommand(unittest.TestCase):
                                     (np.uint16, (48, 64), True), (np.uint16, (40, 56, 3), False),
                                     (np.float32, (48, 64), False), (np.float32, (40, 56, 3), True)]:
             with self.subTest(dtype=dtype.__name__, shape=shape, align=align), tempfile.TemporaryDirectory() as work:
-                blurred = picture(shape)
-                if dtype != np.float32:
-                    blurred = (blurred * np.iinfo(dtype).max).astype(dtype)
-                else:
-                    blurred = blurred.astype(np.float32)
+                scale = np.iinfo(dtype).max if dtype != np.float32 else 1
+                blurred = (picture(shape) * scale).astype(dtype)
                 source = os.path.join(work, "in.exr" if dtype == np.float32 else "in.png")
                 out = os.path.join(work, "out.exr")
                 write_picture(source, blurred)
                 subprocess.run([RESTORE, "--psf", psf, "--strength", "10", "--workers", "1", "--depth", "float"] +
                                ([] if align else ["--no-align"]) + [source, out], check=True)
                 result = deconv.restore(blurred, deconv.draw_psf(psf), strength=10, align=align, workers=1)
-                self.assertEqual(result.dtype, np.float32)
-                self.assertEqual(result.shape, blurred.shape)
+                self.assertEqual((result.dtype, result.shape), (np.float32, blurred.shape))
                 np.testing.assert_array_equal(result.reshape(result.shape[:2] + (-1,)), read_floats(out))
 
 
@@ -104,16 +97,8 @@ class Threads(unittest.TestCase):
         blurred = (picture((96, 128, 3), seed=5) * 255).astype(np.uint8)
         psf = deconv.draw_psf("motion:9,30")
         alone = deconv.restore(blurred, psf, strength=10, workers=1)
-        results = [None] * 8
-
-        def run(i):
-            results[i] = deconv.restore(blurred, psf, strength=10, workers=1)
-
-        threads = [threading.Thread(target=run, args=(i,)) for i in range(8)]
-        for t in threads:
-            t.start()
-        for t in threads:
-            t.join()
+        with concurrent.futures.ThreadPoolExecutor(8) as pool:
+            results = list(pool.map(lambda _: deconv.restore(blurred, psf, strength=10, workers=1), range(8)))
         for result in results:
             np.testing.assert_array_equal(result, alone)
         self.assertEqual([n for n in os.listdir("/dev/shm") if n.startswith("sem.deconv.%d." % os.getpid())], [])
