@@ -24,24 +24,20 @@ deconv::Image photo(const char* name, int x, int y, int w, int h) {
   return to_image(load(std::string(DECONV_TESTDATA) + "/" + name).crop(x, y, x + w - 1, y + h - 1) / 255);
 }
 
+CImg<float> as_cimg(const deconv::Image& image) {
+  return CImg<float>(image.pixels.data(), image.width, image.height, 1, image.channels);
+}
+
 // `sharp` blurred by `psf`, its borders mirrored.
 deconv::Image blur(const deconv::Image& sharp, const deconv::Image& psf) {
-  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
-  return to_image(CImg<float>(sharp.pixels.data(), sharp.width, sharp.height, 1, sharp.channels)
-                      .convolve(kernel / kernel.sum(), 3));
+  const CImg<float> kernel = as_cimg(psf);
+  return to_image(as_cimg(sharp).convolve(kernel / kernel.sum(), 3));
 }
 
 // Mean squared error over the interior, the result taken (dx, dy) away.
 double interior_mse(const deconv::Image& result, const deconv::Image& sharp, int dx, int dy, int border = 16) {
-  double sum = 0;
-  long n = 0;
-  for (int c = 0; c < sharp.channels; ++c)
-    for (int y = border; y < sharp.height - border; ++y)
-      for (int x = border; x < sharp.width - border; ++x, ++n) {
-        const double d = result.at(x + dx, y + dy, c) - sharp.at(x, y, c);
-        sum += d * d;
-      }
-  return sum / n;
+  const int x1 = sharp.width - 1 - border, y1 = sharp.height - 1 - border;
+  return as_cimg(result).crop(border + dx, border + dy, x1 + dx, y1 + dy).MSE(as_cimg(sharp).crop(border, border, x1, y1));
 }
 
 class Library : public SemaphoreTest {};
@@ -56,8 +52,7 @@ TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
     options.strength = 10, options.workers = 1, options.align = false;
     const deconv::Image ours = deconv::restore(blurred, psf, options);
 
-    CImg<float> input(blurred.pixels.data(), blurred.width, blurred.height, 1, blurred.channels),
-        kernel(psf.pixels.data(), psf.width, psf.height), output(input.width(), input.height(), 1, input.spectrum());
+    CImg<float> input = as_cimg(blurred), kernel = as_cimg(psf), output(input.width(), input.height(), 1, input.spectrum());
     normalize_to_unit_sum(kernel);
     flush_denormals_to_zero();
     CDeconv engine(1, 10);
