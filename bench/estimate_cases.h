@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cmath>
 #include <complex>
+#include <cstdio>
 #include <map>
 #include <random>
 #include <string>
@@ -192,6 +193,23 @@ struct Outcome {
   double mse_estimated = 0, mse_true = 0, mse_blurred = 0;
   double ratio() const { return refused ? 1e300 : mse_estimated / mse_true; }
 };
+
+// Whether a fit's description ("motion 15.2 20.4", "disk 3.0", "gaussian
+// 1.5") is within the goals for its blur: a motion's length within 1 pixel
+// and its angle within 3 degrees, a disk's radius within half a pixel, a
+// Gaussian's sigma within 10 %.
+inline bool fit_within_tolerance(const std::string& description, const Blur& blur) {
+  double a = 0, b = 0;
+  if (std::sscanf(description.c_str(), "%*s %lf %lf", &a, &b) < 1 || description.rfind(kind_name(blur.kind), 0) != 0)
+    return false;
+  const double turn = std::fmod(std::fabs(b - blur.b), 180.0);
+  switch (blur.kind) {
+    case Kind::motion: return std::fabs(a - blur.a) <= 1 && std::min(turn, 180 - turn) <= 3;
+    case Kind::disk: return std::fabs(a - blur.a) <= 0.5;
+    case Kind::gaussian: return std::fabs(a - blur.a) <= 0.1 * blur.a;
+    default: return false;
+  }
+}
 
 constexpr int border = 32, shift = 3;
 // The evaluation's pictures: whole photographs, or crops of this side of the
