@@ -237,7 +237,7 @@ bool write_rows(OIIO::ImageOutput& out, const OIIO::ImageSpec& spec, const Image
   return true;
 }
 
-// The spec of the file to write: the metadata of `like` (or none), the
+// The ImageSpec of the file to write: the metadata of `like` (or none), the
 // picture's size, the channels and the depth asked for.
 OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDepth depth, const PictureFile* like) {
   const OIIO::TypeDesc type = depth == SampleDepth::u8    ? OIIO::TypeDesc::UINT8
