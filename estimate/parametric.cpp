@@ -299,24 +299,17 @@ double BlurLikelihood::score(const Image& kernel) const {
   return best;
 }
 
-PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
-                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
-                      int height) {
+namespace {
+
+// The model's parameters (a, b) fitted by the data term of the sharp
+// estimate, a few times over: the sharp image solved for the model's kernel,
+// then a coordinate search with shrinking steps.
+void fit_data_term(const std::string& model, int side, double top, const Transforms& t, const SharpStep& step,
+                   const Spectrum& bx, const Spectrum& by, int width, int height, double& a, double& b) {
   const Tuning& tune = tuning();
-  const int side = free_kernel.width;
-  double major, minor, degrees;
-  moments(free_kernel, major, minor, degrees);
-  double a, b = 0;
-  if (model == "motion")
-    a = std::sqrt(12 * major), b = degrees;
-  else if (model == "disk")
-    a = 2 * std::sqrt((major + minor) / 2);
-  else
-    a = std::sqrt((major + minor) / 2);
   // A sharp image less cartoon-like than the free kernel's last one: its
   // over-sharp steps make the fitted blur come out too large.
   const double lg = 1e-3;
-  const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
   for (int round = 0; round < 3; ++round) {
     const RealPlane sharp = step.solve(on_support(drawn(model, a, b), side), lg, 1e-4, tune.kappa);
     RealPlane gx, gy;
@@ -329,7 +322,6 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
     t.forward(gy, sy);
     const KernelProblem p = kernel_problem(t, sx, sy, bx, by, side);
     const auto energy = [&](double ca, double cb) { return data_term(p, on_support(drawn(model, ca, cb), side)); };
-    // Coordinate search with shrinking steps.
     double best = energy(a, b);
     double step_a = model == "gaussian" ? 0.15 * a : std::max(1.0, 0.15 * a), step_b = 8;
     for (int pass = 0; pass < 12; ++pass) {
@@ -349,12 +341,12 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
       if (!moved) step_a /= 2, step_b /= 2;
     }
   }
-  // The data term's fit still comes out large (bench_estimate's fits); the
-  // picture's own likelihood for the blur sets the size, searched at the
-  // data term's angle, then in finer steps.
-  Image plane(width, height, 1);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];
+}
+
+// The data term's fit still comes out large (bench_estimate's fits); the
+// picture's own likelihood for the blur sets the size, searched at the data
+// term's angle, then in finer steps. (a, b) come in from the data term.
+void fit_likelihood(const std::string& model, const Image& plane, double top, double& a, double& b) {
   const bool disk = model == "disk", gaussian = model == "gaussian", motion = model == "motion";
   const SpectrumFit fit(plane, noise_level(plane));
   const auto score = [&](double ca, double cb) { return fit(scored_kernel(model, ca, cb)); };
@@ -388,6 +380,29 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
     if (!moved) step_a /= 2, step_b /= 2;
   }
   b = std::fmod(b + 360, 180.0);
+}
+
+}  // namespace
+
+PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
+                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
+                      int height) {
+  const int side = free_kernel.width;
+  double major, minor, degrees;
+  moments(free_kernel, major, minor, degrees);
+  double a, b = 0;
+  if (model == "motion")
+    a = std::sqrt(12 * major), b = degrees;
+  else if (model == "disk")
+    a = 2 * std::sqrt((major + minor) / 2);
+  else
+    a = std::sqrt((major + minor) / 2);
+  const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
+  fit_data_term(model, side, top, t, step, bx, by, width, height, a, b);
+  Image plane(width, height, 1);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];
+  fit_likelihood(model, plane, top, a, b);
   PsfEstimate result;
   if (model == "motion") {
     const std::string length = number(a, 1), angle = number(b, 1);
