@@ -113,14 +113,24 @@ int good_size_below(int n) {
   return m;
 }
 
-// Natural pictures' power falls a little faster than 1/f^2 (amplitude
-// spectra of slope about 1.1); taking exactly 1/f^2 leaves the difference to
-// the blur, which comes out large (bench_estimate's Gaussians: sigma 6.6 %
-// too large on average with 1.0, 4.2 % with 1.1).
-constexpr double prior_slope = 1.1;
+// Natural pictures' power falls faster than 1/f^2, the more so as a
+// photograph's own softness sets in; whatever of that fall the prior leaves
+// out is taken for blur (bench_estimate's Gaussians, 800 pixels and 320-pixel
+// crops: sigma 5 % too large on average with an amplitude slope of 1.1,
+// 2.7 % with 1.2, even with 1.3, 2.3 % too small with 1.4).
+constexpr double prior_slope = 1.3;
 // Frequencies are taken in blocks of bin x bin: the kernels' spectra hardly
 // change over so few, and the sums over the weights cost that much less.
 constexpr int bin = 4;
+// The least noise power a picture read from 8 bits has, in the fits: twice
+// rounding's step^2 / 12. Rounding a smooth picture is not white noise: its
+// error follows the contours between steps and so gathers where a large blur
+// has left little power, which white noise of step^2 / 12 cannot explain but
+// a smaller blur can (noise-free Gaussians of sigma 2.8 to 3.7 came out 4 to
+// 17 % small; with twice the power, within 9 %). The noise itself is fitted: the
+// wavelet estimate (noise_level) takes fine texture for noise on small crops,
+// and a floor from it sized those blurs large.
+constexpr double rounding_floor = 2.0 / (12 * 255.0 * 255.0);
 
 // BlurLikelihood for the fits: the negative log-likelihood of the picture's
 // spectrum for a kernel, the sharp image's power falling as
@@ -130,12 +140,11 @@ constexpr int bin = 4;
 // that the score is smooth in the kernel's size.
 class SpectrumFit {
  public:
-  SpectrumFit(const Image& plane, double noise)
+  explicit SpectrumFit(const Image& plane)
       : t_(good_size_below(plane.width), good_size_below(plane.height),
            (int)std::max(1u, std::thread::hardware_concurrency())) {
     const Spectrum Y = periodic_spectrum(t_, plane, (plane.width - t_.width()) / 2, (plane.height - t_.height()) / 2);
-    const double quantum = 1.0 / 255;
-    floor_ = std::max(noise * noise, quantum * quantum / 12) * t_.pixels();
+    floor_ = rounding_floor * t_.pixels();
     const int W = t_.width(), H = t_.height(), half = t_.half(), rows = (H + bin - 1) / bin;
     const size_t F = t_.frequencies();
     bin_.assign(F, -1);
@@ -183,7 +192,7 @@ class SpectrumFit {
       logs += count_[b] * std::log(g);
       count += count_[b];
     }
-    // The noise's power in closed form, no less than the estimate's.
+    // The noise's power in closed form, no less than 8-bit rounding's.
     const double sigma2 = std::max(floor_, total / count);
     return count * std::log(sigma2) + logs + total / sigma2;
   }
@@ -299,24 +308,17 @@ double BlurLikelihood::score(const Image& kernel) const {
   return best;
 }
 
-PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
-                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
-                      int height) {
+namespace {
+
+// The model's parameters (a, b) fitted by the data term of the sharp
+// estimate, a few times over: the sharp image solved for the model's kernel,
+// then a coordinate search with shrinking steps.
+void fit_data_term(const std::string& model, int side, double top, const Transforms& t, const SharpStep& step,
+                   const Spectrum& bx, const Spectrum& by, int width, int height, double& a, double& b) {
   const Tuning& tune = tuning();
-  const int side = free_kernel.width;
-  double major, minor, degrees;
-  moments(free_kernel, major, minor, degrees);
-  double a, b = 0;
-  if (model == "motion")
-    a = std::sqrt(12 * major), b = degrees;
-  else if (model == "disk")
-    a = 2 * std::sqrt((major + minor) / 2);
-  else
-    a = std::sqrt((major + minor) / 2);
   // A sharp image less cartoon-like than the free kernel's last one: its
   // over-sharp steps make the fitted blur come out too large.
   const double lg = 1e-3;
-  const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
   for (int round = 0; round < 3; ++round) {
     const RealPlane sharp = step.solve(on_support(drawn(model, a, b), side), lg, 1e-4, tune.kappa);
     RealPlane gx, gy;
@@ -329,7 +331,6 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
     t.forward(gy, sy);
     const KernelProblem p = kernel_problem(t, sx, sy, bx, by, side);
     const auto energy = [&](double ca, double cb) { return data_term(p, on_support(drawn(model, ca, cb), side)); };
-    // Coordinate search with shrinking steps.
     double best = energy(a, b);
     double step_a = model == "gaussian" ? 0.15 * a : std::max(1.0, 0.15 * a), step_b = 8;
     for (int pass = 0; pass < 12; ++pass) {
@@ -349,14 +350,14 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
       if (!moved) step_a /= 2, step_b /= 2;
     }
   }
-  // The data term's fit still comes out large (bench_estimate's fits); the
-  // picture's own likelihood for the blur sets the size, searched at the
-  // data term's angle, then in finer steps.
-  Image plane(width, height, 1);
-  for (int y = 0; y < height; ++y)
-    for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];
+}
+
+// The data term's fit still comes out large (bench_estimate's fits); the
+// picture's own likelihood for the blur sets the size, searched at the data
+// term's angle, then in finer steps. (a, b) come in from the data term.
+void fit_likelihood(const std::string& model, const Image& plane, double top, double& a, double& b) {
   const bool disk = model == "disk", gaussian = model == "gaussian", motion = model == "motion";
-  const SpectrumFit fit(plane, noise_level(plane));
+  const SpectrumFit fit(plane);
   const auto score = [&](double ca, double cb) { return fit(scored_kernel(model, ca, cb)); };
   // A motion's length near its data term's only: over its whole range the
   // likelihood falls for short motions, and a least at the window's short
@@ -388,6 +389,29 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
     if (!moved) step_a /= 2, step_b /= 2;
   }
   b = std::fmod(b + 360, 180.0);
+}
+
+}  // namespace
+
+PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
+                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
+                      int height) {
+  const int side = free_kernel.width;
+  double major, minor, degrees;
+  moments(free_kernel, major, minor, degrees);
+  double a, b = 0;
+  if (model == "motion")
+    a = std::sqrt(12 * major), b = degrees;
+  else if (model == "disk")
+    a = 2 * std::sqrt((major + minor) / 2);
+  else
+    a = std::sqrt((major + minor) / 2);
+  const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
+  fit_data_term(model, side, top, t, step, bx, by, width, height, a, b);
+  Image plane(width, height, 1);
+  for (int y = 0; y < height; ++y)
+    for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];
+  fit_likelihood(model, plane, top, a, b);
   PsfEstimate result;
   if (model == "motion") {
     const std::string length = number(a, 1), angle = number(b, 1);
