@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# deconv-batch as users run it, one case per call:
-#   batch_test.sh BUILD CASE
-# Pictures are crops of real photographs, blurred by ImageMagick; every
-# result is compared byte for byte with a run of deconv alone (1 worker, the
-# same arguments) on the same files. Exit 77 skips a case this machine cannot
-# run.
+# deconv-batch as users run it, one case per call: batch_test.sh BUILD CASE.
+# Every result is compared byte for byte with a run of deconv alone on the
+# same crop of a photograph. Exit 77 skips a case this machine cannot run.
 set -euo pipefail
 build=$1 case=$2
 data=$(cd "$(dirname "$0")/../.." && pwd)/.cache/testdata

@@ -1,8 +1,6 @@
-// Fuzzes the preparation of a PSF as a run makes it: normalised to sum 1, put
-// on a canvas of twice its width plus one, centred by RecenterPsf and measured
-// by FindSupport. Two bytes give its size (1 to 16 each), the rest its values
-// as raw floats, so that zeros, negative sums, NaN and infinities all come.
-// The engine is made once, with no worker; run it with a /dev/shm of its own.
+// Fuzzes a PSF's preparation as a run makes it (normalised, on its canvas,
+// RecenterPsf, FindSupport): two bytes its size, the rest raw floats, so that
+// zeros, NaN and infinities come. One engine with no worker, in its own /dev/shm.
 #include <cstring>
 
 #include "engine/deconv.h"

@@ -1,8 +1,5 @@
-// deconv-estimate on real photographs blurred by known kernels: the kernels
-// come back in shape, the parametric fits within their tolerances, pictures
-// it cannot stand behind are refused, and the command's statuses and files.
-// The evaluation over many pictures is bench/estimate_bench.cpp; a sample of
-// it here crosses its threshold only on a real regression.
+// deconv-estimate on photographs blurred by known kernels: shapes, fits,
+// refusals, the command; a sample of bench/estimate_bench.cpp's evaluation.
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 

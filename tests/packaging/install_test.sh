@@ -1,10 +1,8 @@
 #!/usr/bin/env bash
-# `cmake --install` into a temporary prefix: exactly the files listed in
-# installed_files.txt, every manual page rendering without a warning, the
-# installed commands restoring the installed example from a folder outside
-# the source tree, libdeconv exporting nothing but namespace deconv, a program
-# built on it through pkg-config and through find_package(deconv), and the
-# Python module importing from the prefix.
+# `cmake --install` into a temporary prefix: exactly installed_files.txt, man
+# pages without warnings, the installed commands, libdeconv exporting only
+# namespace deconv, programs built through pkg-config and find_package, and
+# the Python module, all from the prefix.
 set -euo pipefail
 build=$1 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$(mktemp -d) work=$(mktemp -d)

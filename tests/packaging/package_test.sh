@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# The Debian package that CPack makes: its control fields, its files (those of
-# installed_files.txt under /usr) and lintian without errors. On a disposable
-# machine (CI sets DECONV_DISPOSABLE_MACHINE=1, and must run as root) it is
-# also installed with apt-get, restores the example from outside the source
-# tree with the installed commands, with a program built through pkg-config
-# and with the Python module, and is removed again.
+# The Debian package: its control fields, its files (installed_files.txt under
+# /usr), no lintian errors. On a disposable machine (CI: as root, with
+# DECONV_DISPOSABLE_MACHINE=1) also installed, used as users would, removed.
 set -euo pipefail
 build=$1 here=$(cd "$(dirname "$0")" && pwd)
 out=$(mktemp -d) work=$(mktemp -d)

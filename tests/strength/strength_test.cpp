@@ -1,7 +1,5 @@
-// deconv-strength on a few pictures whose right strength is not in doubt: real
-// photographs (Debian's sample photographs) blurred as a lens blurs a scene
-// (the blur taken beyond the crop), with noise, rounded to bytes. The
-// evaluation over 320 pictures is bench/strength_bench.cpp.
+// deconv-strength on a few blurred photographs whose right strength is not in
+// doubt; the evaluation over 320 pictures is bench/strength_bench.cpp.
 #include <cmath>
 #include <random>
 

@@ -1,7 +1,5 @@
-// Output bytes of a fixed set of restorations, pinned by their SHA-256. The
-// hashes were taken from the code before any change for speed: a faster path
-// through the transforms, the workspace or the save must give the very same
-// bytes. One worker, so that the three derivative jobs add into S in one order.
+// Output bytes of restorations pinned by their SHA-256, taken before any change
+// for speed: a faster path must give the same bytes. One worker, one order of sums.
 #include "tests/support.h"
 #include "tool/image_io.h"
 
