@@ -211,6 +211,21 @@ inline bool fit_within_tolerance(const std::string& description, const Blur& blu
   }
 }
 
+// Shape after alignment: the largest normalised correlation of the two
+// kernels over whole-pixel offsets, 1 for the same shape.
+inline double shape_similarity(const deconv::Image& estimate, const CImg<float>& truth) {
+  const int n = std::max(estimate.width, truth.width()) + 8, c = n / 2;
+  CImg<double> a(n, n, 1, 1, 0), b(n, n, 1, 1, 0);
+  for (int y = 0; y < estimate.height; ++y)
+    for (int x = 0; x < estimate.width; ++x) a(c + x - estimate.width / 2, c + y - estimate.height / 2) = estimate.at(x, y);
+  cimg_forXY(truth, x, y) b(c + x - truth.width() / 2, c + y - truth.height() / 2) = truth(x, y);
+  const double na = std::sqrt(a.dot(a)), nb = std::sqrt(b.dot(b));
+  double best = 0;
+  for (int dy = -4; dy <= 4; ++dy)
+    for (int dx = -4; dx <= 4; ++dx) best = std::max(best, a.dot(b.get_shift(dx, dy)) / (na * nb));
+  return best;
+}
+
 constexpr int border = 32, shift = 3;
 // The evaluation's pictures: whole photographs, or crops of this side of the
 // larger ones (a photograph of a few megapixels is estimated on a window of

@@ -6,22 +6,17 @@
 #include <cmath>
 #include <thread>
 
-#include "deconv/deconv.h"
-#include "engine/deconv.h"
+#include "bench/estimate_cases.h"
 #include "tests/support.h"
 #include "tool/value_range.h"
 
 namespace {
 
-deconv::Image to_image(const CImg<float>& img) {
-  deconv::Image image(img.width(), img.height(), img.spectrum());
-  std::copy(img.begin(), img.end(), image.pixels.begin());
-  return image;
-}
+using estimate_eval::to_image;
 
 // A crop of a test photograph, 0..1.
 deconv::Image photo(const char* name, int x, int y, int w, int h) {
-  return to_image(load(std::string(DECONV_TESTDATA) + "/" + name).crop(x, y, x + w - 1, y + h - 1) / 255);
+  return to_image(load(std::string(DECONV_TESTDATA) + "/" + name).crop(x, y, x + w - 1, y + h - 1), 1.0f / 255);
 }
 
 CImg<float> as_cimg(const deconv::Image& image) {
@@ -31,7 +26,7 @@ CImg<float> as_cimg(const deconv::Image& image) {
 // `sharp` blurred by `psf`, its borders mirrored.
 deconv::Image blur(const deconv::Image& sharp, const deconv::Image& psf) {
   const CImg<float> kernel = as_cimg(psf);
-  return to_image(as_cimg(sharp).convolve(kernel / kernel.sum(), 3));
+  return to_image(as_cimg(sharp).convolve(kernel / kernel.sum(), 3), 1);
 }
 
 // Mean squared error over the interior, the result taken (dx, dy) away.

@@ -6,6 +6,7 @@
 
 #include <cmath>
 
+#include "bench/estimate_cases.h"
 #include "picture/picture_file.h"
 #include "tests/support.h"
 
@@ -34,10 +35,7 @@ std::pair<int, std::string> restore(const TempDir& dir, const std::string& args,
 
 deconv::Image photo(const char* name, int x, int y, int w, int h, bool grey) {
   CImg<float> img = load(std::string(DECONV_TESTDATA) + "/" + name).get_crop(x, y, x + w - 1, y + h - 1);
-  if (grey) img.channel(0);
-  deconv::Image image(img.width(), img.height(), img.spectrum());
-  for (size_t i = 0; i < img.size(); ++i) image.pixels[i] = img[i] / 255.0f;
-  return image;
+  return estimate_eval::to_image(grey ? img.get_channel(0) : img, 1.0f / 255);
 }
 
 // An ICC profile with a header and no tags, which PNG's checks accept.
