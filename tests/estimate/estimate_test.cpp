@@ -86,8 +86,8 @@ TEST(Refusals, SayWhy) {
       {grey(300, 300, 0.5f, 0.002f), "too flat"},
       {to_image(blurred_case("camera.png", Kind::disk, 0.08, 1).blurred, 1.0f / 255), "too noisy"},
       {deconv::Image(), "empty"}};
-  for (const auto& [picture, reason] : cases)
-    EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(picture); }), ::testing::HasSubstr(reason));
+  for (const auto& c : cases)
+    EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(c.first); }), ::testing::HasSubstr(c.second));
 }
 
 // The command: statuses, the line it prints, the file it writes or leaves alone.
