@@ -68,6 +68,10 @@ bool set_tuning(const char* setting) {
   else if (name == "faint") t.faint = v;
   else if (name == "speck") t.speck = v;
   else if (name == "edges") t.edges = v;
+  else if (name == "refine") t.refine = (int)v;
+  else if (name == "refine_core") t.refine_core = v;
+  else if (name == "refine_gamma") t.refine_gamma = v;
+  else if (name == "refine_faint") t.refine_faint = v;
   else if (name == "loop_faint") t.loop_faint = v;
   else if (name == "trust_gain") t.trust_gain = v;
   else if (name == "trust_loss") t.trust_loss = v;

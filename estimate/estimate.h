@@ -11,10 +11,11 @@
 //                   with a small Tikhonov term, solved on the kernel's support;
 //                   negatives clipped, faint taps and specks removed,
 //                   normalised; centring to a fraction of a pixel and trimming
+//   estimate.cpp    the driver: estimate_psf; coarse to fine on salient edges,
+//                   then a refinement on all gradients at full resolution
 //   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h and
 //                   sized by the picture's likelihood (also trust.cpp's check)
 //   transforms.cpp  real-to-complex FFTW plans made once per size
-//   estimate.cpp    the driver: estimate_psf
 #ifndef DECONV_ESTIMATE_ESTIMATE_H
 #define DECONV_ESTIMATE_ESTIMATE_H
 
@@ -42,10 +43,15 @@ struct Tuning {
   double faint = 0.2, speck = 0.1;           // kernel clean-up
   double loop_faint = 0.1;  // faint taps removed after every kernel step
   double edges = 10;  // salient edges kept per orientation, in kernel sides (0: all)
+  // The last refinement at full resolution: rounds, the core of the kernel it
+  // starts from (taps of at least core of the largest), its Tikhonov weight
+  // and the faint taps removed after it (instead of `faint`).
+  int refine = 2;
+  double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
   // blur and loses more than trust_loss to the likeliest disk, or gains less
   // than trust_least_gain.
-  double trust_gain = 1.2, trust_loss = 0.06, trust_least_gain = 0.35;
+  double trust_gain = 2.5, trust_loss = 0.1, trust_least_gain = 0.35;
 };
 Tuning& tuning();
 
