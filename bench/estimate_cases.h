@@ -156,6 +156,14 @@ inline deconv::Image to_image(const CImg<float>& img, float scale) {
   return out;
 }
 
+// A crop of an 8-bit photograph, 0..1; `grey`: its first channel only.
+inline deconv::Image photo_crop(const std::string& path, int x, int y, int w, int h, bool grey = false) {
+  CImg<float> img;
+  load_image(img, path.c_str());
+  img.crop(x, y, x + w - 1, y + h - 1);
+  return to_image(grey ? img.get_channel(0) : img, 1.0f / 255);
+}
+
 // The PSF as deconv would read it from a 16-bit file.
 inline CImg<float> as_file(const deconv::Image& psf) {
   CImg<float> out(psf.width, psf.height);

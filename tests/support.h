@@ -1,5 +1,5 @@
 // Helpers of the tests: the engine's named semaphores, exceptions as text,
-// temporary folders, and runs of the deconv binary through the shell; the
+// temporary folders, commands and runs of the deconv binary through the shell; the
 // pictures and measures the evaluations use (bench/photo_cases.h).
 #ifndef DECONV_TESTS_SUPPORT_H
 #define DECONV_TESTS_SUPPORT_H
@@ -53,6 +53,15 @@ inline std::string read_file(const std::string& path) {
 
 inline void write_file(const std::string& path, const std::string& content) {
   std::ofstream(path, std::ios::binary) << content;
+}
+
+// `command` run by the shell: its status, and its stdout and stderr together.
+inline std::pair<int, std::string> shell(const std::string& command) {
+  std::string out;
+  FILE* pipe = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+  char buffer[4096];
+  for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) out.append(buffer, n);
+  return {WEXITSTATUS(pclose(pipe)), out};
 }
 
 struct TempDir {

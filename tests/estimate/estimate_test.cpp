@@ -1,7 +1,6 @@
 // deconv-estimate on photographs blurred by known kernels: shapes, fits,
 // refusals, the command; a sample of bench/estimate_bench.cpp's evaluation.
 #include <gmock/gmock.h>
-#include <sys/wait.h>
 
 #include "bench/estimate_cases.h"
 #include "tests/support.h"
@@ -10,17 +9,10 @@ namespace {
 
 using namespace estimate_eval;
 
-const std::vector<Photo>& all_photos() {
-  static const std::vector<Photo> list = photos(DECONV_TESTDATA);
-  return list;
-}
-
 const Photo& photo(const std::string& name) {
-  for (const Photo& p : all_photos())
-    if (p.name == name) return p;
-  throw std::runtime_error("no photograph " + name);
+  static const std::vector<Photo> list = photos(DECONV_TESTDATA);
+  return *std::find_if(list.begin(), list.end(), [&](const Photo& p) { return p.name == name; });
 }
-
 
 Case blurred_case(const std::string& name, Kind kind, double noise, unsigned seed, int side = 320) {
   std::mt19937 rng(seed);
@@ -92,9 +84,7 @@ TEST(Refusals, SayWhy) {
 
 // The command: statuses, the line it prints, the file it writes or leaves alone.
 std::pair<int, std::string> run(const TempDir& dir, const std::string& args) {
-  const int status = std::system(("cd '" + dir.path + "' && " DECONV_ESTIMATE_BINARY " " + args +
-                                  " </dev/null >.stdout 2>.stderr").c_str());
-  return {WEXITSTATUS(status), read_file(dir / ".stdout") + read_file(dir / ".stderr")};
+  return shell("cd '" + dir.path + "' && " DECONV_ESTIMATE_BINARY " " + args + " </dev/null");
 }
 
 TEST(Command, StatusesAndFiles) {

@@ -14,9 +14,8 @@ namespace {
 
 using estimate_eval::to_image;
 
-// A crop of a test photograph, 0..1.
 deconv::Image photo(const char* name, int x, int y, int w, int h) {
-  return to_image(load(std::string(DECONV_TESTDATA) + "/" + name).crop(x, y, x + w - 1, y + h - 1), 1.0f / 255);
+  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/" + name, x, y, w, h);
 }
 
 CImg<float> as_cimg(const deconv::Image& image) {

@@ -1,5 +1,7 @@
 // deconv-psf: the shape of each kind, measured back from the saved pictures.
+#include <cctype>
 #include <cmath>
+#include <regex>
 
 #include "psf/kernels.h"
 #include "tests/support.h"
@@ -69,9 +71,8 @@ TEST(DeconvPsf, DiskRadiusAndGaussianSigmaComeBackAndFilesKeepTheirTaps) {
   EXPECT_EQ(drawn(dir, "motion 12 30").max(), 65535);
   // Bad command lines: one line on stderr, status 1, nothing written.
   for (const char* args : {"", "blob 3", "gaussian 0", "gaussian x2", "disk -1", "motion 12", "box 3", "box 3 1e9"}) {
-    const int status = std::system(("cd " + dir.path + " && " DECONV_PSF_BINARY " " + args + " bad.png 2>err").c_str());
-    EXPECT_EQ(WEXITSTATUS(status), 1) << args;
-    const std::string err = read_file(dir / "err");
+    const auto [status, err] = shell("cd " + dir.path + " && " DECONV_PSF_BINARY " " + args + " bad.png");
+    EXPECT_EQ(status, 1) << args;
     EXPECT_TRUE(err.rfind("deconv-psf: ", 0) == 0 && std::count(err.begin(), err.end(), '\n') == 1) << err;
     EXPECT_FALSE(std::ifstream(dir / "bad.png").good()) << args;
   }
@@ -82,16 +83,11 @@ TEST(DeconvPsf, DiskRadiusAndGaussianSigmaComeBackAndFilesKeepTheirTaps) {
 TEST(DeconvPsf, NamesAreNeverRunByAShell) {
   TempDir dir;
   for (const std::string name : {"a$(touch RAN).png", "b`touch RAN`.png", "c\".png", "d'$(touch RAN)'.png"}) {
-    std::string quoted = "'";
-    for (const char c : name) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    quoted += "'";
+    const std::string quoted = "'" + std::regex_replace(name, std::regex("'"), "'\\''") + "'";
     ASSERT_EQ(std::system(("cd " + dir.path + " && " DECONV_PSF_BINARY " disk 3 " + quoted).c_str()), 0) << name;
     EXPECT_TRUE(std::ifstream(dir / name).good()) << name;
-    FILE* const strength =
-        popen(("cd " + dir.path + " && " DECONV_STRENGTH_BINARY " " + quoted + " " + quoted).c_str(), "r");
-    int chosen = 0;
-    EXPECT_EQ(std::fscanf(strength, "%d", &chosen), 1) << name;
-    EXPECT_EQ(pclose(strength), 0) << name;
+    const auto [status, chosen] = shell("cd " + dir.path + " && " DECONV_STRENGTH_BINARY " " + quoted + " " + quoted);
+    EXPECT_TRUE(status == 0 && std::isdigit(chosen[0])) << name << ": " << chosen;
   }
   EXPECT_FALSE(std::ifstream(dir / "RAN").good());
 }

@@ -23,12 +23,8 @@ class Strength : public SemaphoreTest {
     picture.save_pnm((dir / "picture.pnm").c_str());
     (psf / psf.max() * 255).round().save_pnm((dir / "psf.pgm").c_str());
     const std::string convert = name == "picture.pnm" ? "" : "convert picture.pnm " + options + " " + name + " && ";
-    std::FILE* const pipe =
-        popen(("cd " + dir.path + " && " + convert + DECONV_STRENGTH_BINARY " " + name + " psf.pgm 2>&1").c_str(), "r");
-    int strength = -1;
-    if (std::fscanf(pipe, "%d", &strength) != 1) strength = -1;
-    pclose(pipe);
-    return strength;
+    const auto [status, out] = shell("cd " + dir.path + " && " + convert + DECONV_STRENGTH_BINARY " " + name + " psf.pgm");
+    return status == 0 ? std::atoi(out.c_str()) : -1;
   }
   TempDir dir;
 };
