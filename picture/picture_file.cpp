@@ -153,6 +153,7 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   if (!in) cannot_read(path, open_failure(path));
   PictureFile picture;
   picture.spec = in->spec();
+  picture.compressed = std::string(in->format_name()) == "jpeg";
   const OIIO::ImageSpec& spec = picture.spec;
   if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) cannot_read(path, "the picture is empty");
   if (spec.depth > 1) cannot_read(path, "a volume, not a picture");

@@ -24,6 +24,7 @@ struct PictureFile {
   deconv::Image alpha;  // the alpha plane, scaled like the colours, or empty
   SampleDepth depth = SampleDepth::u8;
   OIIO::ImageSpec spec;  // the file's metadata (EXIF, ICC profile, resolution)
+  bool compressed = false;  // saved as JPEG: see deconv::choose_strength
 };
 
 // Reads the first subimage of `path`. Throws deconv::Error

@@ -141,11 +141,11 @@ py::array_t<float> restore(const py::array& image, const py::array& psf, const p
   return to_array(result, image.ndim() == 2);
 }
 
-int choose_strength(const py::array& image, const py::array& psf) {
+int choose_strength(const py::array& image, const py::array& psf, bool compressed) {
   const deconv::Image blurred = to_image(image, "the picture", false, true);
   const deconv::Image kernel = to_image(psf, "the PSF", true, false);
   py::gil_scoped_release unlocked;
-  return deconv::choose_strength(blurred, kernel);
+  return deconv::choose_strength(blurred, kernel, compressed);
 }
 
 py::array_t<float> draw_psf(const std::string& description) {
@@ -231,11 +231,12 @@ a PSF of no weight, or a picture too small for the PSF.
     >>> sharp = deconv.restore(photo, psf, strength=30)   # doctest: +SKIP
 )");
 
-  m.def("choose_strength", &choose_strength, py::arg("image"), py::arg("psf"),
+  m.def("choose_strength", &choose_strength, py::arg("image"), py::arg("psf"), py::arg("compressed") = false,
         R"(The strength (1 to 200, tenths of lambda) expected to restore image best
 with psf, by generalised cross-validation of the restoration's own filter:
 what restore(image, psf, strength="auto") uses, and what the
-deconv-strength command prints.
+deconv-strength command prints. compressed=True for a picture that was
+saved as JPEG: the strength is a quarter higher.
 
     >>> deconv.choose_strength(photo, deconv.draw_psf("disk:3"))  # doctest: +SKIP
     24

@@ -49,6 +49,7 @@ int main(int argc, char** argv) {
     options.workers = command.workers;
     options.align = command.align;
     options.clamp = false;
+    options.compressed = picture.compressed;
     deconv::Image result;
     try {
       result = deconv::restore(std::move(picture.image), psf, options);

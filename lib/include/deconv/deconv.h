@@ -50,6 +50,8 @@ struct RestoreOptions {
   bool align = true;
   // Clamp the result to 0..1. Off, a float result keeps its ringing.
   bool clamp = false;
+  // The picture was saved as JPEG: for choose_strength().
+  bool compressed = false;
 };
 
 // Restores `blurred` with the blur `psf` (one plane of any size and scale: it
@@ -67,8 +69,10 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options =
 
 // The strength (1 to 200, tenths of lambda) expected to restore `blurred`
 // best with `psf`, by generalised cross-validation of the restoration's own
-// filter. The same number deconv-strength prints.
-int choose_strength(const Image& blurred, const Image& psf);
+// filter. The same number deconv-strength prints. `compressed`: the picture
+// was saved as JPEG, whose quantisation hides much of its grain from the
+// choice; the strength is then a quarter higher.
+int choose_strength(const Image& blurred, const Image& psf, bool compressed = false);
 
 // The PSF of a common blur, as deconv-psf draws it: a square of odd side, its
 // middle pixel at the blur's centre, the largest tap 1. `description` is one
