@@ -181,18 +181,6 @@ inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
 }
 
 
-// MSE over the interior at the best whole-pixel offset up to `shift`.
-inline double interior_mse(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
-  const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
-  const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
-  double best = 1e300;
-  for (int dy = -shift; dy <= shift; ++dy)
-    for (int dx = -shift; dx <= shift; ++dx)
-      best = std::min(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).MSE(reference));
-  return best;
-}
-
-inline double psnr(double mse) { return 10 * std::log10(255.0 * 255.0 / std::max(mse, 1e-10)); }
 
 struct Outcome {
   bool refused = false;

@@ -4,6 +4,12 @@
 #ifndef DECONV_BENCH_PHOTO_CASES_H
 #define DECONV_BENCH_PHOTO_CASES_H
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <random>
 
 #include "engine/deconv.h"
@@ -30,17 +36,34 @@ inline CImg<float> gaussian(int size, float sigma) {
   return CImg<float>(size, size, 1, 1, 0).draw_gaussian(size / 2, size / 2, sigma, &white).round();
 }
 
-// PSNR against the sharp picture over the interior (`border` pixels left out,
+// MSE against the sharp picture over the interior (`border` pixels left out,
 // where the taper works), at the best whole-pixel offset up to `shift`: a
 // restoration stands one pixel toward +x and +y, by design.
-inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
+inline double interior_mse(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
   const int right = result.width() - 1 - border, bottom = result.height() - 1 - border;
   const CImg<float> reference = sharp.get_crop(border, border, right, bottom);
-  double best = 0;
+  double best = 1e300;
   for (int dy = -shift; dy <= shift; ++dy)
     for (int dx = -shift; dx <= shift; ++dx)
-      best = std::max(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).PSNR(reference, 255));
+      best = std::min(best, result.get_crop(border + dx, border + dy, right + dx, bottom + dy).MSE(reference));
   return best;
+}
+
+inline double psnr(double mse) { return 10 * std::log10(255.0 * 255.0 / std::max(mse, 1e-10)); }
+
+inline double interior_psnr(const CImg<float>& result, const CImg<float>& sharp, int border, int shift) {
+  return psnr(interior_mse(result, sharp, border, shift));
+}
+
+// Benchmarks that make engines run in a /dev/shm of their own (the engine's
+// semaphore names are the machine's): the first call starts the program
+// again under `unshare` and returns only if that fails.
+inline void restart_in_own_shm(char** argv) {
+  if (getenv("DECONV_BENCH_OWN_SHM")) return;
+  setenv("DECONV_BENCH_OWN_SHM", "1", 1);
+  execlp("unshare", "unshare", "-rm", "sh", "-c", "mount -t tmpfs tmpfs /dev/shm && exec \"$0\"", argv[0], (char*)nullptr);
+  std::perror("unshare");
+  std::exit(1);
 }
 
 // What deconv writes for this picture (bytes' values) with this PSF and

@@ -47,13 +47,7 @@ std::vector<Psf> psfs() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (!getenv("DECONV_BENCH_ISOLATED")) {
-    setenv("DECONV_BENCH_ISOLATED", "1", 1);
-    execlp("unshare", "unshare", "-rm", "sh", "-c", "mount -t tmpfs tmpfs /dev/shm && exec \"$0\"", argv[0],
-           (char*)nullptr);
-    std::perror("bench_photographs: unshare");
-    return 1;
-  }
+  restart_in_own_shm(argv);
   (void)argc;
   flush_denormals_to_zero();
   const char* photos[] = {"astronaut.png", "camera.png", "chelsea.png", "coffee.png", "hubble_deep_field.jpg",

@@ -61,13 +61,7 @@ struct Sums {
 }  // namespace
 
 int main(int, char** argv) {
-  if (!getenv("DECONV_BENCH_OWN_SHM")) {
-    setenv("DECONV_BENCH_OWN_SHM", "1", 1);
-    execlp("unshare", "unshare", "-rm", "sh", "-c", "mount -t tmpfs tmpfs /dev/shm && exec \"$0\"", argv[0],
-           (char*)nullptr);
-    std::perror("bench_strength: unshare");
-    return 1;
-  }
+  restart_in_own_shm(argv);
   flush_denormals_to_zero();
   setenv("PATH", ("/usr/bin:" + std::string(getenv("PATH") ? getenv("PATH") : "")).c_str(), 1);
   char pattern[] = "/tmp/deconv-bench-XXXXXX";
