@@ -5,20 +5,18 @@
 // renamed over the target only once they are complete.
 #include "picture/picture_file.h"
 
+#include <OpenImageIO/filesystem.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cctype>
 #include <cstring>
 #include <memory>
-
-#include <OpenImageIO/filesystem.h>
-
-#include <algorithm>
 
 namespace {
 
@@ -51,8 +49,8 @@ SampleDepth depth_of(const OIIO::TypeDesc& format) {
 // of the picture on, into the planes, each divided by `range` (or taken as it
 // is for range 0).
 template <class T>
-void deinterleave(const T* const samples, const size_t first, const size_t count, const int channels,
-                  const float range, const std::vector<Image*>& planes, const std::vector<int>& sources) {
+void deinterleave(const T* const samples, const size_t first, const size_t count, const int channels, const float range,
+                  const std::vector<Image*>& planes, const std::vector<int>& sources) {
   for (size_t p = 0; p < planes.size(); ++p) {
     Image& plane = *planes[p];
     const size_t size = (size_t)plane.width * plane.height;
@@ -79,22 +77,23 @@ int band_rows(const int width, const int channels, const size_t sample_size, con
 template <class T>
 void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::TypeDesc type, const float range,
                   PictureFile& picture) {
-  const OIIO::ImageSpec& spec = in.spec();
-  const int band = spec.tile_width ? spec.height : band_rows(spec.width, spec.nchannels, sizeof(T), spec.height);
-  std::vector<T> samples((size_t)spec.width * band * spec.nchannels);
+  const OIIO::ImageSpec& header = in.spec();
+  const int band =
+      header.tile_width ? header.height : band_rows(header.width, header.nchannels, sizeof(T), header.height);
+  std::vector<T> samples((size_t)header.width * band * header.nchannels);
   std::vector<Image*> planes{&picture.image};
   std::vector<int> sources{0};
   if (!picture.alpha.empty()) {
     planes.push_back(&picture.alpha);
-    sources.push_back(spec.alpha_channel);
+    sources.push_back(header.alpha_channel);
   }
-  for (int y = 0; y < spec.height; y += band) {
-    const int rows = std::min(band, spec.height - y);
-    const bool read = spec.tile_width ? in.read_image(0, 0, 0, spec.nchannels, type, samples.data())
-                                      : in.read_scanlines(0, 0, spec.y + y, spec.y + y + rows, spec.z, 0,
-                                                          spec.nchannels, type, samples.data());
+  for (int y = 0; y < header.height; y += band) {
+    const int rows = std::min(band, header.height - y);
+    const bool read = header.tile_width ? in.read_image(0, 0, 0, header.nchannels, type, samples.data())
+                                        : in.read_scanlines(0, 0, header.y + y, header.y + y + rows, header.z, 0,
+                                                            header.nchannels, type, samples.data());
     if (!read) cannot_read(path, in.geterror());
-    deinterleave(samples.data(), (size_t)y * spec.width, (size_t)rows * spec.width, spec.nchannels, range, planes,
+    deinterleave(samples.data(), (size_t)y * header.width, (size_t)rows * header.width, header.nchannels, range, planes,
                  sources);
   }
 }
@@ -132,7 +131,8 @@ bool read_binary_pnm(const std::string& path, const SampleScale scale, PictureFi
   const bool complete = std::fread(bytes.data(), 1, bytes.size(), file) == bytes.size();
   std::fclose(file);
   if (!complete) cannot_read(path, "the file ends before its last pixel");
-  picture.spec = OIIO::ImageSpec((int)width, (int)height, channels, wide ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::UINT8);
+  picture.header =
+      OIIO::ImageSpec((int)width, (int)height, channels, wide ? OIIO::TypeDesc::UINT16 : OIIO::TypeDesc::UINT8);
   picture.depth = wide ? SampleDepth::u16 : SampleDepth::u8;
   picture.image = Image((int)width, (int)height, channels);
   const float range = scale == SampleScale::raw ? 1.0f : (float)maximum;
@@ -152,18 +152,19 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   auto in = OIIO::ImageInput::open(path);
   if (!in) cannot_read(path, open_failure(path));
   PictureFile picture;
-  picture.spec = in->spec();
+  picture.header = in->spec();
   picture.compressed = std::string(in->format_name()) == "jpeg";
-  const OIIO::ImageSpec& spec = picture.spec;
-  if (spec.width <= 0 || spec.height <= 0 || spec.nchannels <= 0) cannot_read(path, "the picture is empty");
-  if (spec.depth > 1) cannot_read(path, "a volume, not a picture");
+  const OIIO::ImageSpec& header = picture.header;
+  if (header.width <= 0 || header.height <= 0 || header.nchannels <= 0) cannot_read(path, "the picture is empty");
+  if (header.depth > 1) cannot_read(path, "a volume, not a picture");
   // The alpha channel, if any, is the last one: colours stand before it.
-  const bool has_alpha = spec.alpha_channel >= 0 && spec.alpha_channel == spec.nchannels - 1 && spec.nchannels > 1;
-  if (!has_alpha) picture.spec.alpha_channel = -1;
-  const int colours = has_alpha ? spec.nchannels - 1 : spec.nchannels;
-  picture.image = Image(spec.width, spec.height, colours);
-  if (has_alpha) picture.alpha = Image(spec.width, spec.height, 1);
-  picture.depth = depth_of(spec.format);
+  const bool has_alpha =
+      header.alpha_channel >= 0 && header.alpha_channel == header.nchannels - 1 && header.nchannels > 1;
+  if (!has_alpha) picture.header.alpha_channel = -1;
+  const int colours = has_alpha ? header.nchannels - 1 : header.nchannels;
+  picture.image = Image(header.width, header.height, colours);
+  if (has_alpha) picture.alpha = Image(header.width, header.height, 1);
+  picture.depth = depth_of(header.format);
   const bool unit = scale == SampleScale::unit;
   switch (picture.depth) {
     case SampleDepth::u8:
@@ -180,10 +181,14 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
 }
 
 bool parse_depth(const std::string& text, SampleDepth& depth) {
-  if (text == "8") depth = SampleDepth::u8;
-  else if (text == "16") depth = SampleDepth::u16;
-  else if (text == "float") depth = SampleDepth::f32;
-  else return false;
+  if (text == "8")
+    depth = SampleDepth::u8;
+  else if (text == "16")
+    depth = SampleDepth::u16;
+  else if (text == "float")
+    depth = SampleDepth::f32;
+  else
+    return false;
   return true;
 }
 
@@ -221,19 +226,19 @@ void interleave(const Image& image, const Image* alpha, const float maximum, con
 // The picture through the writer, interleaved in the file's type a band of
 // rows at a time, so that the planes are the only copy of the whole picture.
 // False at the first band the writer refuses.
-bool write_rows(OIIO::ImageOutput& out, const OIIO::ImageSpec& spec, const Image& image, const Image* alpha) {
-  const int band = band_rows(spec.width, spec.nchannels, spec.format.size(), spec.height);
-  std::vector<unsigned char> samples((size_t)spec.width * band * spec.nchannels * spec.format.size());
-  for (int y = 0; y < spec.height; y += band) {
-    const int rows = std::min(band, spec.height - y);
-    const size_t first = (size_t)y * spec.width, count = (size_t)rows * spec.width;
-    if (spec.format == OIIO::TypeDesc::UINT8)
+bool write_rows(OIIO::ImageOutput& out, const OIIO::ImageSpec& header, const Image& image, const Image* alpha) {
+  const int band = band_rows(header.width, header.nchannels, header.format.size(), header.height);
+  std::vector<unsigned char> samples((size_t)header.width * band * header.nchannels * header.format.size());
+  for (int y = 0; y < header.height; y += band) {
+    const int rows = std::min(band, header.height - y);
+    const size_t first = (size_t)y * header.width, count = (size_t)rows * header.width;
+    if (header.format == OIIO::TypeDesc::UINT8)
       interleave(image, alpha, 255.0f, first, count, samples.data());
-    else if (spec.format == OIIO::TypeDesc::UINT16)
+    else if (header.format == OIIO::TypeDesc::UINT16)
       interleave(image, alpha, 65535.0f, first, count, (uint16_t*)samples.data());
     else
       interleave(image, alpha, 0.0f, first, count, (float*)samples.data());
-    if (!out.write_scanlines(spec.y + y, spec.y + y + rows, spec.z, spec.format, samples.data())) return false;
+    if (!out.write_scanlines(header.y + y, header.y + y + rows, header.z, header.format, samples.data())) return false;
   }
   return true;
 }
@@ -245,25 +250,25 @@ OIIO::ImageSpec spec_for(const Image& image, const Image* alpha, const SampleDep
                               : depth == SampleDepth::u16 ? OIIO::TypeDesc::UINT16
                                                           : OIIO::TypeDesc::FLOAT;
   const int channels = image.channels + (alpha ? 1 : 0);
-  OIIO::ImageSpec spec(image.width, image.height, channels, type);
+  OIIO::ImageSpec header(image.width, image.height, channels, type);
   if (like) {
-    spec.extra_attribs = like->spec.extra_attribs;
-    spec.x = like->spec.x, spec.y = like->spec.y;
+    header.extra_attribs = like->header.extra_attribs;
+    header.x = like->header.x, header.y = like->header.y;
   }
-  spec.channelnames.clear();
+  header.channelnames.clear();
   static const char* const rgb[] = {"R", "G", "B"};
   for (int c = 0; c < image.channels; ++c)
-    spec.channelnames.push_back(image.channels == 1 ? "Y" : c < 3 ? rgb[c] : "C" + std::to_string(c));
-  if (alpha) spec.channelnames.push_back("A");
-  spec.alpha_channel = alpha ? image.channels : -1;
+    header.channelnames.push_back(image.channels == 1 ? "Y" : c < 3 ? rgb[c] : "C" + std::to_string(c));
+  if (alpha) header.channelnames.push_back("A");
+  header.alpha_channel = alpha ? image.channels : -1;
   // The file's own encoding of the old samples does not describe the new ones;
   // some writers (PNM) take their depth from it.
   if (depth == SampleDepth::f32)
-    spec.erase_attribute("oiio:BitsPerSample");
+    header.erase_attribute("oiio:BitsPerSample");
   else
-    spec.attribute("oiio:BitsPerSample", depth == SampleDepth::u8 ? 8 : 16);
-  spec.erase_attribute("oiio:UnassociatedAlpha");
-  return spec;
+    header.attribute("oiio:BitsPerSample", depth == SampleDepth::u8 ? 8 : 16);
+  header.erase_attribute("oiio:UnassociatedAlpha");
+  return header;
 }
 
 // The folder of `path` ("." for a bare name) and its name within it.
@@ -347,21 +352,21 @@ std::string first_line(const std::string& error) {
 // staged file itself, and it is read back whole: such writers do not all look
 // at the results of their own writes, and one that seeks past what it could
 // not write leaves holes, which read back as zeros.
-void write_through_file(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& spec,
+void write_through_file(OIIO::ImageOutput& out, const std::string& path, const OIIO::ImageSpec& header,
                         const Image& image, const Image* alpha) {
   std::string staged;
   close(open_staged(path, staged));
   try {
-    if (!out.open(staged, spec)) cannot_write(path, first_line(out.geterror()));
-    const bool written = write_rows(out, spec, image, alpha);
+    if (!out.open(staged, header)) cannot_write(path, first_line(out.geterror()));
+    const bool written = write_rows(out, header, image, alpha);
     if (!out.close() || !written) cannot_write(path, first_line(out.geterror()));
     struct stat status;
     if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
       cannot_write(path, "the file written is incomplete (is the disk full?)");
     auto in = OIIO::ImageInput::open(staged);
-    std::vector<float> check((size_t)spec.width * spec.height * spec.nchannels);
-    if (!in || in->spec().width != spec.width || in->spec().height != spec.height ||
-        !in->read_image(0, 0, 0, spec.nchannels, OIIO::TypeDesc::FLOAT, check.data()))
+    std::vector<float> check((size_t)header.width * header.height * header.nchannels);
+    if (!in || in->spec().width != header.width || in->spec().height != header.height ||
+        !in->read_image(0, 0, 0, header.nchannels, OIIO::TypeDesc::FLOAT, check.data()))
       cannot_write(path, "the file written cannot be read back (is the disk full?)");
     if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
   } catch (...) {
@@ -406,25 +411,26 @@ class MemoryFile : public OIIO::Filesystem::IOProxy {
 
 // OpenImageIO's PNM writer garbles 16-bit samples; the format is simple
 // enough to write here: a header, then the samples, 16-bit ones big-endian.
-bool is_pnm(const std::string& format, const OIIO::ImageSpec& spec) {
-  return format == "pnm" && spec.format != OIIO::TypeDesc::FLOAT && spec.alpha_channel < 0 &&
-         (spec.nchannels == 1 || spec.nchannels == 3);
+bool is_pnm(const std::string& format, const OIIO::ImageSpec& header) {
+  return format == "pnm" && header.format != OIIO::TypeDesc::FLOAT && header.alpha_channel < 0 &&
+         (header.nchannels == 1 || header.nchannels == 3);
 }
 
-std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& spec, const Image& image) {
-  const bool wide = spec.format == OIIO::TypeDesc::UINT16;
-  const std::string header = std::string(spec.nchannels == 1 ? "P5" : "P6") + "\n" + std::to_string(spec.width) + " " +
-                             std::to_string(spec.height) + "\n" + (wide ? "65535" : "255") + "\n";
-  const size_t pixels = (size_t)spec.width * spec.height, count = pixels * spec.nchannels;
-  std::vector<unsigned char> bytes(header.begin(), header.end());
-  bytes.resize(header.size() + count * (wide ? 2 : 1));
-  unsigned char* const out = bytes.data() + header.size();
+std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& header, const Image& image) {
+  const bool wide = header.format == OIIO::TypeDesc::UINT16;
+  const std::string text = std::string(header.nchannels == 1 ? "P5" : "P6") + "\n" + std::to_string(header.width) +
+                           " " + std::to_string(header.height) + "\n" + (wide ? "65535" : "255") + "\n";
+  const size_t pixels = (size_t)header.width * header.height, count = pixels * header.nchannels;
+  std::vector<unsigned char> bytes(text.begin(), text.end());
+  bytes.resize(text.size() + count * (wide ? 2 : 1));
+  unsigned char* const out = bytes.data() + text.size();
   if (!wide) {
     interleave(image, nullptr, 255.0f, 0, pixels, out);
   } else {
     std::vector<uint16_t> samples(count);
     interleave(image, nullptr, 65535.0f, 0, pixels, samples.data());
-    for (size_t i = 0; i < count; ++i) out[2 * i] = (unsigned char)(samples[i] >> 8), out[2 * i + 1] = (unsigned char)samples[i];
+    for (size_t i = 0; i < count; ++i)
+      out[2 * i] = (unsigned char)(samples[i] >> 8), out[2 * i + 1] = (unsigned char)samples[i];
   }
   return bytes;
 }
@@ -432,11 +438,11 @@ std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& spec, const Image& i
 // Encodes the picture in the format `path`'s name says, in memory where the
 // writer allows it (it does not look at the results of its own writes), and
 // puts the file in place.
-void encode(const std::string& path, OIIO::ImageSpec spec, const Image& image, const Image* alpha) {
+void encode(const std::string& path, OIIO::ImageSpec header, const Image& image, const Image* alpha) {
   auto out = OIIO::ImageOutput::create(path);
   if (!out) cannot_write(path, "no format for this name");
-  if (is_pnm(out->format_name(), spec)) return publish(path, pnm_bytes(spec, image));
-  if (!std::strcmp(out->format_name(), "openexr")) spec.erase_attribute("ICCProfile");  // it has no place there
+  if (is_pnm(out->format_name(), header)) return publish(path, pnm_bytes(header, image));
+  if (!std::strcmp(out->format_name(), "openexr")) header.erase_attribute("ICCProfile");  // it has no place there
   // Deflate's level 4 rather than the writer's 6: on a 12-megapixel photograph
   // it encodes in a third of the time for a file 5 to 7 % larger, and on grainy
   // pictures, which hardly compress at all, the level changes neither. The
@@ -444,18 +450,18 @@ void encode(const std::string& path, OIIO::ImageSpec spec, const Image& image, c
   // less time again, for files of the same size on photographs and 3 % larger
   // on grainy ones. What the caller's metadata names is kept.
   if (!std::strcmp(out->format_name(), "png")) {
-    if (!spec.find_attribute("png:compressionLevel")) spec.attribute("png:compressionLevel", 4);
-    if (!spec.find_attribute("png:filter")) spec.attribute("png:filter", 128);  // PNG_FILTER_PAETH
+    if (!header.find_attribute("png:compressionLevel")) header.attribute("png:compressionLevel", 4);
+    if (!header.find_attribute("png:filter")) header.attribute("png:filter", 128);  // PNG_FILTER_PAETH
   }
   // The TIFF writer loses its directory in memory when the Exif one fails to go.
   if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))
-    return write_through_file(*out, path, spec, image, alpha);
+    return write_through_file(*out, path, header, image, alpha);
   std::vector<unsigned char> bytes;
   MemoryFile memory(bytes);
   void* proxy = &memory;
-  spec.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
-  if (!out->open(path, spec)) cannot_write(path, first_line(out->geterror()));
-  const bool written = write_rows(*out, spec, image, alpha);
+  header.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
+  if (!out->open(path, header)) cannot_write(path, first_line(out->geterror()));
+  const bool written = write_rows(*out, header, image, alpha);
   if (!out->close() || !written) cannot_write(path, first_line(out->geterror()));
   publish(path, bytes);
 }

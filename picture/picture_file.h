@@ -23,7 +23,7 @@ struct PictureFile {
   deconv::Image image;  // the colour planes
   deconv::Image alpha;  // the alpha plane, scaled like the colours, or empty
   SampleDepth depth = SampleDepth::u8;
-  OIIO::ImageSpec spec;  // the file's metadata (EXIF, ICC profile, resolution)
+  OIIO::ImageSpec header;   // the file's metadata (EXIF, ICC profile, resolution)
   bool compressed = false;  // saved as JPEG: see deconv::choose_strength
 };
 

@@ -28,12 +28,12 @@ def picture(shape, seed=1):
 
 
 def write_picture(path, array):
-    spec = oiio.ImageSpec(array.shape[1], array.shape[0], array.shape[2] if array.ndim == 3 else 1,
-                          {np.uint8: "uint8", np.uint16: "uint16", np.float32: "float"}[array.dtype.type])
+    header = oiio.ImageSpec(array.shape[1], array.shape[0], array.shape[2] if array.ndim == 3 else 1,
+                            {np.uint8: "uint8", np.uint16: "uint16", np.float32: "float"}[array.dtype.type])
     out = oiio.ImageOutput.create(path)
     # The binding takes a 2-D array for something else than one channel.
     samples = np.ascontiguousarray(array.reshape(array.shape[:2] + (-1,)))
-    assert out.open(path, spec) and out.write_image(samples) and out.close(), out.geterror()
+    assert out.open(path, header) and out.write_image(samples) and out.close(), out.geterror()
 
 
 def read_floats(path):

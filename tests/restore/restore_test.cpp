@@ -18,8 +18,8 @@ const std::string restore_binary = DECONV_RESTORE_BINARY;
 // `mounts` and before `after`: its status, and what it and `after` print.
 std::pair<int, std::string> restore(const TempDir& dir, const std::string& args, const std::string& mounts = "",
                                     const std::string& after = ":") {
-  return shell("cd '" + dir.path + "' && unshare -rm sh -c '" + mounts + " " + restore_binary + " " + args + "; s=$?; " +
-               after + "; exit $s'");
+  return shell("cd '" + dir.path + "' && unshare -rm sh -c '" + mounts + " " + restore_binary + " " + args +
+               "; s=$?; " + after + "; exit $s'");
 }
 
 deconv::Image photo(const char* name, int x, int y, int w, int h, bool grey) {
@@ -119,13 +119,13 @@ TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
   PictureFile tagged;
   tagged.image = photo("coffee.png", 200, 100, 100, 81, false);
   const std::vector<unsigned char> profile = smallest_rgb_profile();
-  tagged.spec.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, (int)profile.size()), profile.data());
-  tagged.spec.attribute("Orientation", 6);
+  tagged.header.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, (int)profile.size()), profile.data());
+  tagged.header.attribute("Orientation", 6);
   write_picture(dir / "tagged.jpg", tagged.image, SampleDepth::u8, &tagged);
   ASSERT_EQ(restore(dir, "--psf psf.png tagged.jpg restored.jpg").first, 0);
   const PictureFile restored = read_picture(dir / "restored.jpg");
-  EXPECT_EQ(restored.spec.get_int_attribute("Orientation"), 6);
-  const OIIO::ParamValue* icc = restored.spec.find_attribute("ICCProfile");
+  EXPECT_EQ(restored.header.get_int_attribute("Orientation"), 6);
+  const OIIO::ParamValue* icc = restored.header.find_attribute("ICCProfile");
   ASSERT_NE(icc, nullptr);
   EXPECT_EQ(std::vector<unsigned char>((const unsigned char*)icc->data(),
                                        (const unsigned char*)icc->data() + icc->type().size()),
@@ -139,8 +139,8 @@ TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
   } failures[] = {
       {"junk.png out/x.png", "", ":", "cannot read junk.png: Not a PNG file\n"},
       {"tagged.jpg missing/x.png", "", ":", "cannot write missing/x.png: No such file or directory\n"},
-      {"tagged.jpg out/kept.png", tmpfs + "1m tmpfs out && echo kept > out/kept.png && mount -o remount,ro out &&", kept,
-       "cannot write out/kept.png: Read-only file system\nkept\nkept.png\n"},
+      {"tagged.jpg out/kept.png", tmpfs + "1m tmpfs out && echo kept > out/kept.png && mount -o remount,ro out &&",
+       kept, "cannot write out/kept.png: Read-only file system\nkept\nkept.png\n"},
       {"tagged.jpg out/kept.png", tmpfs + "8k tmpfs out && echo kept > out/kept.png &&", kept,
        "cannot write out/kept.png: No space left on device\nkept\nkept.png\n"},
   };
