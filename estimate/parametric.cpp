@@ -160,9 +160,10 @@ class SpectrumFit {
         const int signed_v = v <= H / 2 ? v : v - H, b = (u / bin) * rows + ((signed_v + H) % H) / bin;
         bin_[f] = b;
         // The half spectrum stands for its mirror too, but for the columns that are their own.
-        weight_[f] = (float)((u == 0 || 2 * u == W ? 1 : 2) * std::pow(dd, -prior_slope));
-        power_[b] += (u == 0 || 2 * u == W ? 1 : 2) * std::norm(Y[f]);
-        count_[b] += u == 0 || 2 * u == W ? 1 : 2;
+        const int mirrors = u == 0 || 2 * u == W ? 1 : 2;
+        weight_[f] = (float)(mirrors * std::pow(dd, -prior_slope));
+        power_[b] += mirrors * std::norm(Y[f]);
+        count_[b] += mirrors;
       }
     for (size_t b = 0; b < power_.size(); ++b)
       if (count_[b] > 0) power_[b] /= count_[b];
