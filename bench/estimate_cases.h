@@ -28,7 +28,6 @@
 #include "estimate/estimate.h"
 #include "bench/photo_cases.h"
 #include "psf/kernels.h"
-#include "strength/weigh.h"
 #include "tool/image_io.h"
 #include "tool/value_range.h"
 
@@ -171,13 +170,9 @@ inline CImg<float> as_file(const deconv::Image& psf) {
   return out;
 }
 
-// deconv-strength's choice, in the process (strength/main.cpp).
+// deconv-strength's choice, in the process.
 inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
-  CImg<float> image = picture / 255.0f, kernel(psf);
-  normalize_to_unit_sum(kernel);
-  CDeconv engine(2, 10);
-  engine.deconv_prepare(image, kernel);
-  return weigh_picture(image, engine).strength();
+  return deconv::choose_strength(to_image(picture, 1 / 255.0f), to_image(psf, 1.0f));
 }
 
 

@@ -48,6 +48,7 @@ int main(int argc, char** argv) {
     options.strength = command.strength;
     options.workers = command.workers;
     options.align = command.align;
+    options.exact = command.exact;
     options.clamp = false;
     options.compressed = picture.compressed;
     deconv::Image result;

@@ -21,6 +21,8 @@ const char* const help =
     "  --workers N                 worker threads (default: the machine's cores)\n"
     "  --depth 8|16|float          the result's samples (default: the input's)\n"
     "  --no-align                  keep the restoration one pixel off, as deconv does\n"
+    "  --exact                     restore on deconv's own engine: with --depth 8\n"
+    "                              --no-align, deconv's very pixels (slower)\n"
     "  --help, --version\n"
     "\n"
     "Exit status: 0 restored, 1 bad command line, 11 a picture that cannot be\n"
@@ -57,6 +59,10 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
     }
     if (arg == "--no-align") {
       command.align = false;
+      continue;
+    }
+    if (arg == "--exact") {
+      command.exact = true;
       continue;
     }
     if (arg == "--") {

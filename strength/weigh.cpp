@@ -1,49 +1,53 @@
 #include "strength/weigh.h"
 
-#include <thread>
-#include <type_traits>
-#include <vector>
+#include <algorithm>
 
 namespace {
 
-// Adds every frequency of one tapered plane to `choice`.
-void weigh_plane(const CImg<float>& plane, const CDeconv& engine, StrengthChoice& choice, pthread_mutex_t* mutex) {
-  const float* const Hr = engine.psf_fft[0].data();
-  const float* const Hi = engine.psf_fft[1].data();
-  const float* const S = engine.fidelity_spectrum.data();
-  const float* const N = engine.smoothness_spectrum.data();
-  const int64_t width = plane.width(), height = plane.height();
-  const auto one = [&](const float re, const float im, const size_t k) {
-    choice.add(S[k] * (Hr[k] * Hr[k] + Hi[k] * Hi[k]), N[k], re * re + im * im,
-               StrengthChoice::coarse((int64_t)k % width, (int64_t)k / width, width, height));
-  };
-  CImg<float>::FFT_visit(
-      plane,
-      [&](auto& re, auto& im, const cimg_uint64 k) {
-        if constexpr (std::is_same_v<std::decay_t<decltype(re)>, float>) {
-          one(re, im, k);
-        } else {  // four frequencies side by side
-          float r[4], i[4];
-          _mm_storeu_ps(r, re.v);
-          _mm_storeu_ps(i, im.v);
-          for (int j = 0; j < 4; ++j) one(r[j], i[j], k + j);
-        }
-      },
-      mutex);
+using namespace deconv::fast;
+
+// Adds the frequencies of spectrum rows [begin, end) to `choice`. A real
+// plane's spectrum holds only half of its frequencies: every one but those
+// of the first column (and the last, for an even width) stands for its
+// mirror image too, of the same power.
+void weigh_rows(const Problem& problem, const Spectrum& spectrum, const size_t begin, const size_t end,
+                StrengthChoice& choice) {
+  const int64_t width = problem.fft.width(), half = problem.fft.half();
+  const int64_t height = (int64_t)problem.fft.rows();  // the frequencies' rows, for the coarse band
+  const std::vector<float>& last = problem.difference_power.back();
+  for (size_t row = begin; row < end; ++row)
+    for (int64_t u = 0; u < half; ++u) {
+      const size_t k = row * half + u;
+      const float n = problem.row_power[row] + last[u];
+      const float s = (n * 25.0f) + 50.0f;
+      const float hr = problem.psf_spectrum[k].real(), hi = problem.psf_spectrum[k].imag();
+      const float P = s * (hr * hr + hi * hi), power = std::norm(spectrum[k]);
+      const bool coarse = StrengthChoice::coarse(u, (int64_t)row % height, width, height);
+      choice.add(P, n, power, coarse);
+      if (u != 0 && 2 * u != width) choice.add(P, n, power, coarse);
+    }
 }
 
 }  // namespace
 
-StrengthChoice weigh_picture(const CImg<float>& tapered, CDeconv& engine) {
-  // Each plane with its own histogram, merged at the end.
-  std::vector<StrengthChoice> choices(tapered.spectrum());
-  std::vector<std::thread> threads;
-  for (int c = 0; c < tapered.spectrum(); ++c)
-    threads.emplace_back([&, c] {
-      const CImg<float> plane = tapered.get_shared_channel(c);
-      weigh_plane(plane, engine, choices[c], &engine.fft_mutex);
+StrengthChoice weigh_picture(const Problem& problem, const float* const planes, const int channels,
+                             Workers& workers) {
+  const RealFft& fft = problem.fft;
+  RealArray tapered(fft.samples());
+  Spectrum spectrum(fft.frequencies());
+  // Histograms sum in double: a fixed cut of the rows, merged in order, gives
+  // the same choice for any number of threads. Each histogram is a few
+  // megabytes, so small pictures take one.
+  const size_t parts = std::max<size_t>(1, std::min<size_t>(8, fft.frequencies() >> 20));
+  StrengthChoice choice;
+  for (int c = 0; c < channels; ++c) {
+    taper_edges(problem, planes + (size_t)c * fft.samples(), tapered.data(), spectrum, workers);
+    fft.forward(tapered.data(), spectrum.data(), workers);
+    std::vector<StrengthChoice> part(parts);
+    workers.run(parts, [&](const size_t p) {
+      weigh_rows(problem, spectrum, fft.rows() * p / parts, fft.rows() * (p + 1) / parts, part[p]);
     });
-  for (std::thread& thread : threads) thread.join();
-  for (int c = 1; c < tapered.spectrum(); ++c) choices[0].merge(choices[c]);
-  return choices[0];
+    for (const StrengthChoice& p : part) choice.merge(p);
+  }
+  return choice;
 }

@@ -81,7 +81,7 @@ TEST_F(Restore, EveryDepthKeepsItsRange) {
   }
 
   write_picture(dir / "colour8.png", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u8);
-  ASSERT_EQ(restore(dir, "--psf psf.png --depth 8 --no-align --strength 10 colour8.png ours.png").first, 0);
+  ASSERT_EQ(restore(dir, "--psf psf.png --depth 8 --no-align --exact --strength 10 colour8.png ours.png").first, 0);
   ASSERT_EQ(shell("cd " + dir.path + " && unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec " DECONV_BINARY
                   " colour8.png psf.png theirs.png 1 95 10'").first, 0);
   EXPECT_EQ(read_picture(dir / "ours.png").image.pixels, read_picture(dir / "theirs.png").image.pixels);
