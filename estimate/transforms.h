@@ -1,67 +1,41 @@
-// Real-to-complex FFTW transforms of one size, planned once and reused for
-// every plane of that size (FFTW's new-array execute), on as many threads as
-// help. Planning holds the process-wide FftwPlannerLock.
+// The estimator's transforms: the second engine's real transforms of one
+// picture size (spectral/real_fft.h), made once for the process and run on a
+// pool of the estimator's own threads.
 #ifndef DECONV_ESTIMATE_TRANSFORMS_H
 #define DECONV_ESTIMATE_TRANSFORMS_H
 
-#include <fftw3.h>
-
-#include <complex>
-#include <cstdlib>
-#include <new>
-#include <vector>
+#include "spectral/real_fft.h"
 
 namespace deconv {
 namespace estimation {
 
-// Memory as FFTW wants it (aligned for its SIMD codelets).
-template <class T>
-struct FftwAllocator {
-  using value_type = T;
-  FftwAllocator() = default;
-  template <class U>
-  FftwAllocator(const FftwAllocator<U>&) {}
-  T* allocate(size_t n) {
-    void* p = fftwf_malloc(n * sizeof(T));
-    if (!p) throw std::bad_alloc();
-    return static_cast<T*>(p);
-  }
-  void deallocate(T* p, size_t) { fftwf_free(p); }
-  template <class U>
-  bool operator==(const FftwAllocator<U>&) const { return true; }
-  template <class U>
-  bool operator!=(const FftwAllocator<U>&) const { return false; }
-};
-
-using RealPlane = std::vector<float, FftwAllocator<float>>;
-using Spectrum = std::vector<std::complex<float>, FftwAllocator<std::complex<float>>>;
+using RealPlane = spectral::RealArray;
+using Spectrum = spectral::Spectrum;
+using spectral::good_size;
 
 class Transforms {
  public:
-  Transforms(int width, int height, int threads);
-  ~Transforms();
+  Transforms(int width, int height, int threads)
+      : fft_(spectral::RealFft::of({height, width})), workers_(threads) {}
   Transforms(const Transforms&) = delete;
   Transforms& operator=(const Transforms&) = delete;
 
-  int width() const { return width_; }
-  int height() const { return height_; }
-  int half() const { return width_ / 2 + 1; }  // spectrum row length
-  size_t pixels() const { return (size_t)width_ * height_; }
-  size_t frequencies() const { return (size_t)height_ * half(); }
+  int width() const { return fft_.width(); }
+  int height() const { return (int)fft_.rows(); }
+  int half() const { return fft_.half(); }  // spectrum row length
+  size_t pixels() const { return fft_.samples(); }
+  size_t frequencies() const { return fft_.frequencies(); }
   RealPlane real() const { return RealPlane(pixels(), 0.0f); }
   Spectrum spectrum() const { return Spectrum(frequencies()); }
 
-  void forward(const RealPlane& in, Spectrum& out) const;
+  void forward(const RealPlane& in, Spectrum& out) const { fft_.forward(in.data(), out.data(), workers_); }
   // Unnormalised (a round trip multiplies by pixels()); `in` is destroyed.
-  void backward(Spectrum& in, RealPlane& out) const;
+  void backward(Spectrum& in, RealPlane& out) const { fft_.backward(in.data(), out.data(), workers_); }
 
  private:
-  int width_, height_;
-  fftwf_plan forward_ = nullptr, backward_ = nullptr;
+  const spectral::RealFft& fft_;
+  mutable spectral::Workers workers_;  // a pool runs one loop at a time, whoever calls
 };
-
-// A side at least `n` whose factors are 2, 3, 5 and 7 only.
-int good_size(int n);
 
 }  // namespace estimation
 }  // namespace deconv

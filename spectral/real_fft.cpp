@@ -153,26 +153,35 @@ void RealFft::run_lines(const Pass& pass, const Block& block, Complex* const spe
     for (size_t l = 0; l < block.count; ++l) at[i * stride + l] = lines[l * distance + i];
 }
 
+// Runs the blocks on the pool, or on the calling thread for an array so small
+// that waking the pool would cost more than it saves.
+template <class F>
+void RealFft::each_block(const Pass& pass, Workers& workers, F f) const {
+  if (samples() < 32768) {
+    FlushDenormals modes;
+    for (const Block& block : pass.blocks) f(block);
+  } else
+    workers.run(pass.blocks.size(), [&](const size_t b) { f(pass.blocks[b]); });
+}
+
 void RealFft::forward(const float* const in, Complex* const out, Workers& workers) const {
   const size_t n = width(), h = half();
-  workers.run(rows_forward_.blocks.size(), [&](const size_t b) {
-    const Block& block = rows_forward_.blocks[b];
+  each_block(rows_forward_, workers, [&](const Block& block) {
     float* const rows = row_scratch(block_rows * n);
     std::memcpy(rows, in + block.start * n, block.count * n * sizeof(float));
     fftwf_execute_dft_r2c(block.plan, rows, as_fftw(out + block.start * h));
   });
   for (size_t a = lines_forward_.size(); a-- > 0;) {
     const Pass& pass = lines_forward_[a];
-    workers.run(pass.blocks.size(), [&](const size_t b) { run_lines(pass, pass.blocks[b], out); });
+    each_block(pass, workers, [&](const Block& block) { run_lines(pass, block, out); });
   }
 }
 
 void RealFft::backward(Complex* const in, float* const out, Workers& workers) const {
   const size_t n = width(), h = half();
   for (const Pass& pass : lines_backward_)
-    workers.run(pass.blocks.size(), [&](const size_t b) { run_lines(pass, pass.blocks[b], in); });
-  workers.run(rows_backward_.blocks.size(), [&](const size_t b) {
-    const Block& block = rows_backward_.blocks[b];
+    each_block(pass, workers, [&](const Block& block) { run_lines(pass, block, in); });
+  each_block(rows_backward_, workers, [&](const Block& block) {
     float* const rows = row_scratch(block_rows * n);
     fftwf_execute_dft_c2r(block.plan, as_fftw(in + block.start * h), rows);
     std::memcpy(out + block.start * n, rows, block.count * n * sizeof(float));

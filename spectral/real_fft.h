@@ -92,6 +92,8 @@ class RealFft {
   void plan_rows();
   void plan_lines(int axis);
   static void run_lines(const Pass& pass, const Block& block, Complex* spectrum);
+  template <class F>
+  void each_block(const Pass& pass, Workers& workers, F f) const;
 
   std::vector<int> sizes_;
   size_t rows_;

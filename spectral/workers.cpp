@@ -9,13 +9,12 @@ namespace spectral {
 
 namespace {
 
-// Flush-to-zero and denormals-are-zero, as deconv runs its engine. Every
-// thread of a loop runs with the same modes, so that a sample comes out the
-// same whichever thread computed it; denormals would also slow the far tails
-// of spectra down many times.
-constexpr unsigned int denormals_as_zero = 0x8040;
+constexpr unsigned int denormals_as_zero = 0x8040;  // MXCSR's FTZ and DAZ
 
 }  // namespace
+
+FlushDenormals::FlushDenormals() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | denormals_as_zero); }
+FlushDenormals::~FlushDenormals() { _mm_setcsr(saved_); }
 
 Workers::Workers(const int count) {
   for (int i = 1; i < count; ++i) helpers_.emplace_back([this] { help(); });
@@ -65,15 +64,12 @@ void Workers::help() {
 
 void Workers::run(const size_t n, const std::function<void(size_t)>& task) {
   if (n == 0) return;
-  struct Modes {  // the caller's own, given back on the way out
-    const unsigned int saved = _mm_getcsr();
-    Modes() { _mm_setcsr(saved | denormals_as_zero); }
-    ~Modes() { _mm_setcsr(saved); }
-  } modes;
+  FlushDenormals modes;
   if (helpers_.empty() || n == 1) {
     for (size_t i = 0; i < n; ++i) task(i);
     return;
   }
+  std::lock_guard<std::mutex> one(one_loop_);
   {
     std::lock_guard<std::mutex> lock(mutex_);
     task_ = &task;

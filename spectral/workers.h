@@ -18,6 +18,21 @@
 namespace deconv {
 namespace spectral {
 
+// Flush-to-zero and denormals-are-zero on the calling thread for a scope,
+// its own modes given back afterwards. Every loop of the pool runs so, on
+// every thread: a sample comes out the same whichever thread computes it, and
+// denormals would slow the far tails of spectra down many times.
+class FlushDenormals {
+ public:
+  FlushDenormals();
+  ~FlushDenormals();
+  FlushDenormals(const FlushDenormals&) = delete;
+  FlushDenormals& operator=(const FlushDenormals&) = delete;
+
+ private:
+  unsigned int saved_;
+};
+
 class Workers {
  public:
   explicit Workers(int count);
@@ -28,7 +43,8 @@ class Workers {
   int count() const { return (int)helpers_.size() + 1; }
 
   // Runs task(i) for every i in [0, n), on every thread of the pool, and
-  // returns when all are done. The first exception a task throws is thrown
+  // returns when all are done. Loops that several threads start on one pool
+  // run one after the other. The first exception a task throws is thrown
   // here once the loop has stopped.
   void run(size_t n, const std::function<void(size_t)>& task);
 
@@ -41,6 +57,7 @@ class Workers {
   void work();
 
   std::vector<std::thread> helpers_;
+  std::mutex one_loop_;  // held by the thread whose loop runs
   std::mutex mutex_;
   std::condition_variable wake_, done_;
   const std::function<void(size_t)>* task_ = nullptr;
