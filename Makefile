@@ -52,7 +52,8 @@ fuzz: setup
 	@cmake --build $(BUILD)-asan -j $(JOBS) --target load_fuzzer psf_fuzzer
 	@cd $(BUILD)-asan && ctest --output-on-failure -R fuzzer
 
-bench: setup
+bench:
+	@bash scripts/setup.sh bench
 	@cmake -S . -B $(BUILD)-bench -DCMAKE_BUILD_TYPE=Release -DDECONV_TESTS=OFF -DDECONV_BENCHMARKS=ON >/dev/null
 	@cmake --build $(BUILD)-bench -j $(JOBS)
 	@for b in $(BUILD)-bench/bench/bench_*; do [ $${b##*/} = bench_estimate ] || $$b; done
