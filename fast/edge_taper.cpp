@@ -57,9 +57,15 @@ void taper_edges(const Problem& problem, const float* const plane, float* const 
   const float scale = (float)(1.0 / (double)fft.samples());
   const std::vector<Complex>& last_phase = problem.taper_phase.back();
   for_spectrum_rows(problem, workers, [&](const size_t row, const size_t first, const size_t count) {
+    // Spelt out: std::complex's product checks for infinities at every step.
     const Complex row_phase = problem.row_phase[row] * scale;
-    for (size_t u = 0; u < count; ++u)
-      spectrum[first + u] *= problem.psf_spectrum[first + u] * (row_phase * last_phase[u]);
+    for (size_t u = 0; u < count; ++u) {
+      const float pr = row_phase.real() * last_phase[u].real() - row_phase.imag() * last_phase[u].imag();
+      const float pi = row_phase.real() * last_phase[u].imag() + row_phase.imag() * last_phase[u].real();
+      const Complex h = problem.psf_spectrum[first + u], y = spectrum[first + u];
+      const float kr = h.real() * pr - h.imag() * pi, ki = h.real() * pi + h.imag() * pr;
+      spectrum[first + u] = Complex(y.real() * kr - y.imag() * ki, y.real() * ki + y.imag() * kr);
+    }
   });
   fft.backward(spectrum.data(), tapered, workers);
 

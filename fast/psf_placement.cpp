@@ -96,12 +96,19 @@ PlacedPsf place_psf_as_exact_engine(const float* psf, const int psf_width, const
   placed.samples.assign((size_t)width * height, 0.0f);
   // deconv's engine puts tap (i, j) at (i + x0 + width / 2, j + y0 + height
   // / 2), wrapped; one more along each axis brings the middle to the origin.
+  // The taps that land are renormalised (the picture may cut some off); the
+  // rest of the plane is zeros.
   const int x0 = (int)(0.5f * (float)(width - c.w)), y0 = (int)(0.5f * (float)(height - c.h));
+  std::vector<std::pair<size_t, float>> taps;
+  double sum = 0;
   for (int j = std::max(0, -y0); j < std::min(c.h, height - y0); ++j)
     for (int i = std::max(0, -x0); i < std::min(c.w, width - x0); ++i)
-      placed.samples[(size_t)((j + y0 + height / 2 + 1) % height) * width + (i + x0 + width / 2 + 1) % width] =
-          c.at(i, j);
-  normalize(placed.samples);
+      if (c.at(i, j) != 0.0f) {
+        taps.emplace_back((size_t)((j + y0 + height / 2 + 1) % height) * width + (i + x0 + width / 2 + 1) % width,
+                          c.at(i, j));
+        sum += c.at(i, j);
+      }
+  for (const auto& [at, value] : taps) placed.samples[at] = (float)((double)value / sum);
   return placed;
 }
 

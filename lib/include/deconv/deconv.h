@@ -4,7 +4,8 @@
 //
 // Pictures are float planes. Any number of calls may run at once, from any
 // number of threads and processes: every restoration has a pool of worker
-// threads and semaphores of its own, which nothing outside it can see. The
+// threads (and, on deconv's own engine, semaphores) of its own, which nothing
+// outside it can see. The
 // library never prints and never ends the process; every failure is a
 // deconv::Error whose message says what was wrong.
 #ifndef DECONV_DECONV_H
@@ -63,11 +64,11 @@ struct RestoreOptions {
 
 // Restores `blurred` with the blur `psf` (one plane of any size and scale: it
 // is centred on its first moment and normalised to sum 1). The result has
-// blurred's size and channels. With exact, align and clamp off, and the
+// blurred's size and channels. With exact on, align and clamp off, and the
 // picture's samples divided by 255, the planes are those deconv computes
-// before it clamps and saves. Throws Error for an empty picture or PSF, a PSF of no
-// weight or one that is not finite, a strength above 200, or a picture too
-// small for the PSF's edge taper.
+// before it clamps and saves. Throws Error for an empty picture or PSF, a PSF
+// of no weight or one that is not finite, a strength above 200, or (exact) a
+// picture too small for the PSF's edge taper.
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
 
 // The same, taking the picture's planes over: its memory is given back
