@@ -53,21 +53,23 @@ std::vector<std::vector<float>> axis_weights(const std::vector<int>& sizes, cons
 void taper_edges(const Problem& problem, const float* const plane, float* const tapered, Spectrum& spectrum,
                  Workers& workers) {
   const RealFft& fft = problem.fft;
-  fft.forward(plane, spectrum.data(), workers);
   const float scale = (float)(1.0 / (double)fft.samples());
   const std::vector<Complex>& last_phase = problem.taper_phase.back();
-  for_spectrum_rows(problem, workers, [&](const size_t row, const size_t first, const size_t count) {
-    // Spelt out: std::complex's product checks for infinities at every step.
-    const Complex row_phase = problem.row_phase[row] * scale;
-    for (size_t u = 0; u < count; ++u) {
-      const float pr = row_phase.real() * last_phase[u].real() - row_phase.imag() * last_phase[u].imag();
-      const float pi = row_phase.real() * last_phase[u].imag() + row_phase.imag() * last_phase[u].real();
-      const Complex h = problem.psf_spectrum[first + u], y = spectrum[first + u];
-      const float kr = h.real() * pr - h.imag() * pi, ki = h.real() * pi + h.imag() * pr;
-      spectrum[first + u] = Complex(y.real() * kr - y.imag() * ki, y.real() * ki + y.imag() * kr);
-    }
-  });
-  fft.backward(spectrum.data(), tapered, workers);
+  // The blur, its offset as a phase and the inverse's scale in one product,
+  // spelt out: std::complex's product checks for infinities at every step.
+  fft.filter(
+      plane, tapered, spectrum.data(),
+      [&](Complex* values, size_t count, size_t first, size_t step) {
+        const Complex* const psf = problem.psf_spectrum.data() + fft.filter_index(first);
+        each_frequency(problem, values, count, first, step, [&](Complex& y, size_t i, size_t row, size_t u) {
+          const Complex a = problem.row_phase[row], b = last_phase[u], h = psf[i];
+          const float pr = (a.real() * b.real() - a.imag() * b.imag()) * scale;
+          const float pi = (a.real() * b.imag() + a.imag() * b.real()) * scale;
+          const float kr = h.real() * pr - h.imag() * pi, ki = h.real() * pi + h.imag() * pr;
+          y = Complex(y.real() * kr - y.imag() * ki, y.real() * ki + y.imag() * kr);
+        });
+      },
+      workers);
 
   const std::vector<std::vector<float>> weights = axis_weights(problem.sizes, problem.band);
   const std::vector<float>& across = weights.back();

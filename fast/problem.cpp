@@ -17,7 +17,10 @@ constexpr double two_pi = 6.283185307179586476925286766559;
 Problem::Problem(const PlacedPsf& psf, Workers& workers)
     : fft(RealFft::of(psf.sizes)), sizes(psf.sizes), band(psf.band), taper_lag(psf.taper_lag),
       psf_spectrum(fft.frequencies()) {
-  fft.forward(psf.samples.data(), psf_spectrum.data(), workers);
+  {
+    Spectrum scratch(fft.frequencies());
+    fft.forward_in_filter_order(psf.samples.data(), psf_spectrum.data(), scratch.data(), workers);
+  }
   const size_t axes = sizes.size();
   for (size_t a = 0; a < axes; ++a) {
     const int n = sizes[a];

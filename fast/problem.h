@@ -57,7 +57,8 @@ class Problem {
   const RealFft& fft;
   const std::vector<int> sizes;
   const int band, taper_lag;
-  // The PSF's spectrum, unscaled.
+  // The PSF's spectrum, unscaled, in the transforms' filter order
+  // (RealFft::filter_index): the order in which the filters read it.
   Spectrum psf_spectrum;
   // Per axis, |D(k)|^2 = 2 - 2 cos(2 pi k / n) of the first difference along
   // it, for each of its frequencies (the last axis: its half spectrum's).
@@ -83,14 +84,19 @@ void taper_edges(const Problem& problem, const float* plane, float* tapered, Spe
 //   X = S conj(H) Y / (S |H|^2 + lambda N + 1e-17).
 void wiener_solve(const Problem& problem, float lambda, float* plane, Spectrum& spectrum, Workers& workers);
 
-// Runs f(row, first, count) over the spectrum's rows in ranges, on the pool:
-// frequencies first .. first + count - 1 of the row's half spectrum.
+// Calls f(value, i, row, u) for the i-th value of a strip of the spectrum
+// (RealFft::Strip), in `row` of the spectrum and column u of its half
+// spectrum. A strip runs along a row's columns (one axis) or down a column.
 template <class F>
-void for_spectrum_rows(const Problem& problem, Workers& workers, F f) {
-  const size_t rows = problem.fft.rows(), half = problem.fft.half();
-  workers.run_ranges(rows, [&](const size_t begin, const size_t end) {
-    for (size_t r = begin; r < end; ++r) f(r, r * half, half);
-  });
+void each_frequency(const Problem& problem, Complex* const values, const size_t count, const size_t first,
+                    const size_t step, F f) {
+  const size_t half = problem.fft.half();
+  if (step % half) {
+    for (size_t i = 0; i < count; ++i) f(values[i], i, (first + i * step) / half, (first + i * step) % half);
+    return;
+  }
+  const size_t u = first % half, row = first / half, rows = step / half;
+  for (size_t i = 0; i < count; ++i) f(values[i], i, row + i * rows, u);
 }
 
 }  // namespace fast

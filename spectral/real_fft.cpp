@@ -164,27 +164,83 @@ void RealFft::each_block(const Pass& pass, Workers& workers, F f) const {
     workers.run(pass.blocks.size(), [&](const size_t b) { f(pass.blocks[b]); });
 }
 
-void RealFft::forward(const float* const in, Complex* const out, Workers& workers) const {
+// The rows' real transforms, then the lines' of every axis from the last but
+// one down to `down_to`.
+void RealFft::forward_passes(const float* const in, Complex* const out, const size_t down_to,
+                             Workers& workers) const {
   const size_t n = width(), h = half();
   each_block(rows_forward_, workers, [&](const Block& block) {
     float* const rows = row_scratch(block_rows * n);
     std::memcpy(rows, in + block.start * n, block.count * n * sizeof(float));
     fftwf_execute_dft_r2c(block.plan, rows, as_fftw(out + block.start * h));
   });
-  for (size_t a = lines_forward_.size(); a-- > 0;) {
+  for (size_t a = lines_forward_.size(); a-- > down_to;) {
     const Pass& pass = lines_forward_[a];
     each_block(pass, workers, [&](const Block& block) { run_lines(pass, block, out); });
   }
 }
 
-void RealFft::backward(Complex* const in, float* const out, Workers& workers) const {
+// The lines' inverse transforms of every axis from `from` on, then the rows'.
+void RealFft::backward_passes(Complex* const in, float* const out, const size_t from, Workers& workers) const {
   const size_t n = width(), h = half();
-  for (const Pass& pass : lines_backward_)
+  for (size_t a = from; a < lines_backward_.size(); ++a) {
+    const Pass& pass = lines_backward_[a];
     each_block(pass, workers, [&](const Block& block) { run_lines(pass, block, in); });
+  }
   each_block(rows_backward_, workers, [&](const Block& block) {
     float* const rows = row_scratch(block_rows * n);
     fftwf_execute_dft_c2r(block.plan, as_fftw(in + block.start * h), rows);
     std::memcpy(out + block.start * n, rows, block.count * n * sizeof(float));
+  });
+}
+
+void RealFft::forward(const float* const in, Complex* const out, Workers& workers) const {
+  forward_passes(in, out, 0, workers);
+}
+
+void RealFft::backward(Complex* const in, float* const out, Workers& workers) const {
+  backward_passes(in, out, 0, workers);
+}
+
+void RealFft::filter(const float* const in, float* const out, Complex* const spectrum, const Strip& change,
+                     Workers& workers) const {
+  if (lines_forward_.empty()) {  // one axis: the rows' spectra are all there is
+    forward_passes(in, spectrum, 0, workers);
+    change(spectrum, frequencies(), 0, 1);
+    backward_passes(spectrum, out, 0, workers);
+    return;
+  }
+  forward_passes(in, spectrum, 1, workers);
+  const Pass &there = lines_forward_[0], &back = lines_backward_[0];
+  const size_t n = there.length, distance = n + line_padding;
+  each_block(there, workers, [&](const Block& block) {
+    Complex* const lines = line_scratch(block_lines * distance);
+    Complex* const at = spectrum + block.start;
+    for (size_t i = 0; i < n; ++i)
+      for (size_t l = 0; l < block.count; ++l) lines[l * distance + i] = at[i * there.stride + l];
+    fftwf_execute_dft(block.plan, as_fftw(lines), as_fftw(lines));
+    for (size_t l = 0; l < block.count; ++l) change(lines + l * distance, n, block.start + l, there.stride);
+    // The inverse's block at the same place has the same lines.
+    fftwf_execute_dft(back.blocks[&block - there.blocks.data()].plan, as_fftw(lines), as_fftw(lines));
+    for (size_t i = 0; i < n; ++i)
+      for (size_t l = 0; l < block.count; ++l) at[i * there.stride + l] = lines[l * distance + i];
+  });
+  backward_passes(spectrum, out, 1, workers);
+}
+
+void RealFft::forward_in_filter_order(const float* const in, Complex* const ordered, Complex* const spectrum,
+                                      Workers& workers) const {
+  if (lines_forward_.empty()) return forward(in, ordered, workers);
+  forward_passes(in, spectrum, 1, workers);
+  const Pass& there = lines_forward_[0];
+  const size_t n = there.length, distance = n + line_padding;
+  each_block(there, workers, [&](const Block& block) {
+    Complex* const lines = line_scratch(block_lines * distance);
+    for (size_t i = 0; i < n; ++i)
+      for (size_t l = 0; l < block.count; ++l) lines[l * distance + i] = spectrum[block.start + i * there.stride + l];
+    fftwf_execute_dft(block.plan, as_fftw(lines), as_fftw(lines));
+    for (size_t l = 0; l < block.count; ++l)
+      std::memcpy(ordered + (block.start + l) * n, lines + l * distance, n * sizeof(Complex));
   });
 }
 

@@ -15,36 +15,17 @@
 #include <fftw3.h>
 
 #include <complex>
+#include <functional>
 #include <cstddef>
-#include <new>
 #include <vector>
 
+#include "spectral/memory.h"
 #include "spectral/workers.h"
 
 namespace deconv {
 namespace spectral {
 
 using Complex = std::complex<float>;
-
-// Memory as FFTW wants it (aligned for its SIMD codelets). Spectra handed to
-// RealFft must be allocated so.
-template <class T>
-struct FftwAllocator {
-  using value_type = T;
-  FftwAllocator() = default;
-  template <class U>
-  FftwAllocator(const FftwAllocator<U>&) {}
-  T* allocate(size_t n) {
-    void* p = fftwf_malloc(n * sizeof(T));
-    if (!p) throw std::bad_alloc();
-    return static_cast<T*>(p);
-  }
-  void deallocate(T* p, size_t) { fftwf_free(p); }
-  template <class U>
-  bool operator==(const FftwAllocator<U>&) const { return true; }
-  template <class U>
-  bool operator!=(const FftwAllocator<U>&) const { return false; }
-};
 
 using RealArray = std::vector<float, FftwAllocator<float>>;
 using Spectrum = std::vector<Complex, FftwAllocator<Complex>>;
@@ -64,12 +45,34 @@ class RealFft {
   size_t frequencies() const { return rows_ * half(); }
 
   // Forward, unscaled: `in` holds samples() floats anywhere in memory; `out`
-  // frequencies() values, from FftwAllocator, each row of the last axis
+  // frequencies() values, from FftwAllocator (aligned), each row of the last axis
   // after the other.
   void forward(const float* in, Complex* out, Workers& workers) const;
   // Backward, unscaled (a round trip multiplies by samples()); `in` is
   // destroyed.
   void backward(Complex* in, float* out, Workers& workers) const;
+
+  // A run of `count` contiguous spectrum values whose frequencies (indices
+  // into the spectrum) are first, first + step, ...
+  using Strip = std::function<void(Complex* values, size_t count, size_t first, size_t step)>;
+  // forward, then `change` over every frequency, then backward, bit for bit,
+  // with two passes over the spectrum fewer: the first axis's lines are
+  // changed between their forward and backward transforms in the scratch.
+  // `spectrum` (frequencies() values, from FftwAllocator) is scratch.
+  void filter(const float* in, float* out, Complex* spectrum, const Strip& change, Workers& workers) const;
+
+  // forward, its result in filter order (filter_index) in `ordered`;
+  // `spectrum` is scratch.
+  void forward_in_filter_order(const float* in, Complex* ordered, Complex* spectrum, Workers& workers) const;
+
+  // Where frequency k comes in filter()'s order, in which every strip is
+  // contiguous: the first axis fastest. Data that a filter reads by
+  // frequency, kept in this order, is read in sequence.
+  size_t filter_index(size_t k) const {
+    if (sizes_.size() == 1) return k;
+    const size_t stride = frequencies() / sizes_[0];
+    return (k % stride) * sizes_[0] + k / stride;
+  }
 
   RealFft(const RealFft&) = delete;
   RealFft& operator=(const RealFft&) = delete;
@@ -92,6 +95,8 @@ class RealFft {
   void plan_rows();
   void plan_lines(int axis);
   static void run_lines(const Pass& pass, const Block& block, Complex* spectrum);
+  void forward_passes(const float* in, Complex* out, size_t down_to, Workers& workers) const;
+  void backward_passes(Complex* in, float* out, size_t from, Workers& workers) const;
   template <class F>
   void each_block(const Pass& pass, Workers& workers, F f) const;
 

@@ -20,7 +20,8 @@ void weigh_rows(const Problem& problem, const Spectrum& spectrum, const size_t b
       const size_t k = row * half + u;
       const float n = problem.row_power[row] + last[u];
       const float s = (n * 25.0f) + 50.0f;
-      const float hr = problem.psf_spectrum[k].real(), hi = problem.psf_spectrum[k].imag();
+      const Complex h = problem.psf_spectrum[problem.fft.filter_index(k)];
+      const float hr = h.real(), hi = h.imag();
       const float P = s * (hr * hr + hi * hi), power = std::norm(spectrum[k]);
       const bool coarse = StrengthChoice::coarse(u, (int64_t)row % height, width, height);
       choice.add(P, n, power, coarse);

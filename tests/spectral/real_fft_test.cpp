@@ -60,6 +60,30 @@ TEST_P(RealFftShapes, MatchNaiveDftAndComeBack) {
   for (size_t i = 0; i < x.size(); ++i) ASSERT_NEAR(back[i] / fft.samples(), x[i], 1e-5) << i;
 }
 
+// The fused forward, change and backward is the three steps, bit for bit.
+TEST_P(RealFftShapes, FilterIsForwardChangeBackward) {
+  const RealFft& fft = RealFft::of(GetParam());
+  Workers workers(2);
+  const RealArray x = noise(fft.samples(), 5);
+  const auto gain = [](size_t k) { return Complex(1.0f / (1 + k % 7), 0.25f * (k % 3)); };
+  Spectrum X(fft.frequencies());
+  fft.forward(x.data(), X.data(), workers);
+  for (size_t k = 0; k < X.size(); ++k) X[k] *= gain(k);
+  RealArray expected(fft.samples()), fused(fft.samples());
+  fft.backward(X.data(), expected.data(), workers);
+  fft.filter(x.data(), fused.data(), X.data(),
+             [&](Complex* v, size_t count, size_t first, size_t step) {
+               for (size_t i = 0; i < count; ++i) v[i] *= gain(first + i * step);
+             },
+             workers);
+  EXPECT_EQ(0, std::memcmp(expected.data(), fused.data(), expected.size() * sizeof(float)));
+  // The spectrum in filter order holds the same values where filter_index says.
+  Spectrum ordered(fft.frequencies()), by_row(fft.frequencies());
+  fft.forward(x.data(), by_row.data(), workers);
+  fft.forward_in_filter_order(x.data(), ordered.data(), X.data(), workers);
+  for (size_t k = 0; k < by_row.size(); ++k) ASSERT_EQ(ordered[fft.filter_index(k)], by_row[k]) << k;
+}
+
 INSTANTIATE_TEST_SUITE_P(RealFft, RealFftShapes,
                          ::testing::Values(std::vector<int>{1}, std::vector<int>{12}, std::vector<int>{1, 1},
                                            std::vector<int>{37, 1}, std::vector<int>{33, 20}, std::vector<int>{17, 31},
