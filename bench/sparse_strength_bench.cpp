@@ -145,33 +145,23 @@ void print_groups(const std::map<std::tuple<std::string, std::string, double>, G
 int main(int argc, char** argv) {
   const bool every_case = argc > 1 && std::strcmp(argv[1], "--cases") == 0;
   flush_denormals_to_zero();
-  const struct Kind {
+  struct Kind {
     const char* name;
     int side;
     CImg<float> psfs[2];
     double fwhms[2], skies[2], noises[3];
-    int faint;
-    double faint_low, faint_high, bright;
-  } kinds[] = {{"stars",
-                512,
-                {moffat_psf(3, 3, 31), moffat_psf(5, 2.5, 41)},
-                {3, 5},
-                {0.02, 0.2},
-                {0.001, 0.003, 0.01},
-                400,
-                0.0005,
-                0.01,
-                0.3},
-               {"spots",
-                256,
-                {gaussian_psf_of_side(1.5, 15), gaussian_psf_of_side(2.5, 21)},
-                {3.53, 5.89},
-                {0.05, 0.2},
-                {0.003, 0.01, 0.03},
-                80,
-                0.02,
-                0.3,
-                0.6}};
+    struct {
+      int count;                 // besides the four bright ones
+      double low, high, bright;  // peaks in the blurred picture, over the sky
+    } sources;
+  };
+  // Star fields, most sources below the noise, as a telescope sees a sky; and
+  // fluorescent spots, fewer and brighter against a brighter background.
+  const CImg<float> moffats[] = {moffat_psf(3, 3, 31), moffat_psf(5, 2.5, 41)};
+  const CImg<float> gauss[] = {gaussian_psf_of_side(1.5, 15), gaussian_psf_of_side(2.5, 21)};
+  const Kind kinds[] = {
+      {"stars", 512, {moffats[0], moffats[1]}, {3, 5}, {0.02, 0.2}, {0.001, 0.003, 0.01}, {400, 0.0005, 0.01, 0.3}},
+      {"spots", 256, {gauss[0], gauss[1]}, {3.53, 5.89}, {0.05, 0.2}, {0.003, 0.01, 0.03}, {80, 0.02, 0.3, 0.6}}};
   std::map<std::tuple<std::string, std::string, double>, Group> groups;
   unsigned seed = 1;
   for (const Kind& kind : kinds)
@@ -179,8 +169,8 @@ int main(int argc, char** argv) {
       for (const double sky : kind.skies)
         for (const double noise : kind.noises) {
           const CImg<float>& psf = kind.psfs[p];
-          const SparseScene scene = sparse_scene(psf, kind.side, sky, kind.faint, kind.faint_low, kind.faint_high,
-                                                 kind.bright, noise, seed++);
+          const SparseScene scene = sparse_scene(psf, kind.side, sky, kind.sources.count, kind.sources.low,
+                                                 kind.sources.high, kind.sources.bright, noise, seed++);
           for (const char* given : {"exact", "cut"}) {
             const CImg<float> used =
                 std::strcmp(given, "exact") == 0 ? psf : cut_psf(scene.blurred, scene.measured[0], psf.width());
