@@ -102,9 +102,9 @@ int choose_strength(const Image& blurred, const Image& psf, const bool compresse
   require_psf(psf);
   DenormalsAsZero denormals;
   const int strength = choose_strength_fast(blurred, normalized_kernel(psf), worker_count(0));
-  // A quarter more brings bench/strength_bench.cpp's JPEGs from 0.30 to
-  // 0.25 dB of the best strength of a grid (half or twice more do no better),
-  // and leaves its PNGs alone.
+  // A quarter more brings bench/strength_bench.cpp's JPEGs within 0.26 dB of
+  // the best strength of a grid (half or twice more do no better), and leaves
+  // its PNGs alone.
   return compressed ? std::min(200, (int)std::lround(strength * 1.25)) : strength;
 }
 

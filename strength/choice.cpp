@@ -1,6 +1,7 @@
 #include "strength/choice.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -61,4 +62,7 @@ bool StrengthChoice::coarse(const int64_t x, const int64_t y, const int64_t widt
   return fx * fx + fy * fy < 0.575 * 0.575;
 }
 
-int StrengthChoice::strength() const { return std::min(200, 2 * std::max(all.best(1, 200), coarse_band.best(1, 200))); }
+int StrengthChoice::strength() const {
+  const int larger = std::max(all.best(1, 200), coarse_band.best(1, 200));
+  return (int)std::min(200L, std::lround(1.5 * larger));
+}

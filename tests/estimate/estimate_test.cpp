@@ -140,7 +140,7 @@ TEST_F(Evaluation, RestoresNearlyAsWellAsTheTruePsfAndNeverWorseThanTheBlur) {
     within3 += o.ratio() <= 3;
     worse += !o.refused && o.mse_estimated > o.mse_blurred;
   }
-  // Now 4 of 6 within 3 (one shake refused, another at 3.9) and
+  // Now 4 of 6 within 3 (one shake refused, another at 4.2) and
   // none worse than its blurred picture (bench_estimate: 77 % within 3).
   EXPECT_GE(within3, 4);
   EXPECT_EQ(worse, 0);
