@@ -7,6 +7,7 @@
 // call adds per sample.
 //
 //   bench_engines [--quick]     (--quick: the three smallest sizes)
+//   bench_engines --memory WIDTH HEIGHT CHANNELS     (one measure of memory)
 #include <fftw3.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -58,13 +59,41 @@ long status_kb(const char* field) {
   return 0;
 }
 
-// The most memory f adds to what the process holds, in bytes: the peak is
-// set back to the present first.
-double added_bytes(const std::function<void()>& f) {
-  std::ofstream("/proc/self/clear_refs") << "5";
+deconv::Image noise_picture(int width, int height, int channels) {
+  deconv::Image picture(width, height, channels);
+  std::mt19937 rng(1);
+  for (float& v : picture.pixels) v = std::uniform_real_distribution<float>(0, 1)(rng);
+  return picture;
+}
+
+deconv::RestoreOptions options_at_strength_10() {
+  deconv::RestoreOptions options;
+  options.strength = 10, options.workers = 2;
+  return options;
+}
+
+// The most memory a restoration adds to the process that holds its picture,
+// in bytes per sample: in a new process of this program (--memory), where
+// every large block goes back to the system when it is freed.
+double added_bytes(const char* self, int width, int height, int channels) {
+  const std::string command = std::string(self) + " --memory " + std::to_string(width) + " " +
+                              std::to_string(height) + " " + std::to_string(channels);
+  double bytes = -1;
+  if (FILE* p = popen(command.c_str(), "r")) {
+    if (std::fscanf(p, "%lf", &bytes) != 1) bytes = -1;
+    pclose(p);
+  }
+  return bytes;
+}
+
+int print_added_bytes(int width, int height, int channels) {
+  mallopt(M_MMAP_THRESHOLD, 1 << 17);
+  const deconv::Image picture = noise_picture(width, height, channels);
+  std::ofstream("/proc/self/clear_refs") << "5";  // the peak, set back to the present
   const long before = status_kb("VmRSS:");
-  f();
-  return (status_kb("VmHWM:") - before) * 1024.0;
+  deconv::restore(picture, deconv::draw_psf("gaussian:2"), options_at_strength_10());
+  std::printf("%.2f\n", (status_kb("VmHWM:") - before) * 1024.0 / picture.pixels.size());
+  return 0;
 }
 
 Cost floor_cost(int width, int height, int channels, int reps) {
@@ -100,9 +129,8 @@ Cost wiener_cost(int width, int height, int channels, int reps) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Every large block goes back to the system when it is freed, so that the
-  // memory a call adds is not hidden in what earlier calls left in the heap.
-  mallopt(M_MMAP_THRESHOLD, 1 << 17);
+  if (argc == 5 && std::strcmp(argv[1], "--memory") == 0)
+    return print_added_bytes(std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[4]));
   const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
   std::vector<std::pair<int, int>> sizes = {{1024, 1024}, {2000, 2000}, {2048, 2048}, {2000, 1500}, {2048, 1536},
                                             {3000, 2000}, {4000, 3000}, {4096, 3072}, {6016, 4016}};
@@ -115,16 +143,13 @@ int main(int argc, char** argv) {
     for (const int channels : {1, 3}) {
       const size_t samples = (size_t)width * height * channels;
       const int reps = samples > 20000000 ? 1 : 3;
-      deconv::Image picture(width, height, channels);
-      std::mt19937 rng(1);
-      for (float& v : picture.pixels) v = std::uniform_real_distribution<float>(0, 1)(rng);
-      deconv::RestoreOptions options;
-      options.strength = 10, options.workers = 2;
+      const deconv::Image picture = noise_picture(width, height, channels);
+      const deconv::RestoreOptions options = options_at_strength_10();
       deconv::restore(deconv::Image(64, 64, 1), psf, options);  // plans of other sizes do not count
       // The first call makes the plans; it is measured as users meet it.
       const Cost first = measure(1, [&] { deconv::restore(picture, psf, options); });
       const Cost second = measure(reps, [&] { deconv::restore(picture, psf, options); });
-      const double bytes = added_bytes([&] { deconv::restore(picture, psf, options); }) / samples;
+      const double bytes = added_bytes(argv[0], width, height, channels);
       deconv::RestoreOptions exact = options;
       exact.exact = true;
       const Cost theirs = measure(1, [&] { deconv::restore(picture, psf, exact); });
