@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "engine/deconv.h"
+#include "lib/checks.h"
 #include "lib/image_views.h"
 #include "strength/weigh.h"
 
@@ -75,6 +76,7 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 }
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
+  if (std::optional<Image> clean_psf = check_restore_inputs(blurred, psf, options)) return restore(std::move(blurred), *clean_psf, options);
   require_picture(blurred, "the picture");
   require_psf(psf);
   if (options.strength > 200) throw Error("the strength is above 200");
@@ -102,6 +104,7 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) 
 }
 
 int choose_strength(const Image& blurred, const Image& psf, const bool compressed) {
+  check_strength_inputs(blurred, psf);
   require_picture(blurred, "the picture");
   require_psf(psf);
   DenormalsAsZero denormals;

@@ -128,7 +128,7 @@ class Errors(unittest.TestCase):
             (lambda: deconv.restore(blurred, psf, workers=0), deconv.Error, "workers"),
             (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not 4-D"),
             (lambda: deconv.restore(blurred.astype(complex), psf), TypeError, "complex128"),
-            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25")), deconv.Error, "too small"),
+            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25"), strength=10), deconv.Error, "too small"),
             (lambda: deconv.draw_psf("blob:1"), deconv.Error, "unknown kind 'blob'"),
         ]
         for call, kind, words in cases:
