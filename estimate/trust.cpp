@@ -73,9 +73,11 @@ void check_picture(const Image& plane, int kernel_side) {
   var /= plane.pixels.size();
   const double noise = noise_level(plane) / range;
   const double signal = std::sqrt(std::max(0.0, var / (range * range) - noise * noise));
-  if (noise > 0.04)
+  // Noise and nothing else spans its own spread: that is a flat picture.
+  const bool flat = signal < 0.02 || signal < 6 * noise;
+  if (noise > 0.04 && signal >= noise)
     throw Error("the picture is too noisy (noise about " + percent(noise) + " of its values' spread)");
-  if (signal < 0.02 || signal < 6 * noise)
+  if (flat)
     throw Error("the picture is too flat (contrast " + percent(signal) + " of its values' spread, noise " +
                 percent(noise) + ") to show its blur");
 }
