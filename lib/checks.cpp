@@ -34,7 +34,7 @@ void require_finite_picture(Image& blurred, const RestoreOptions& options) {
   if (!options.repair_nonfinite)
     throw Error("the picture holds " + std::to_string(count) +
                 " samples that are not finite (NaN or infinite), the first at " + where +
-                "; the repair option replaces them by their neighbours' median");
+                "; repair_nonfinite (--repair-nonfinite) replaces them by their neighbours' median");
   repair_nonfinite(blurred);
   if (options.notice)
     options.notice("replaced " + std::to_string(count) +
@@ -65,6 +65,7 @@ float median(std::vector<float>& values) {
 
 size_t count_nonfinite(const Image& image, int& first_x, int& first_y, int& first_c) {
   size_t count = 0;
+  // From the end, so that the place kept is the first one's.
   for (size_t i = image.pixels.size(); i-- > 0;)
     if (!std::isfinite(image.pixels[i])) {
       ++count;
@@ -86,7 +87,8 @@ void repair_nonfinite(Image& image) {
     std::vector<size_t> holes;
     for (size_t i = 0; i < (size_t)w * h; ++i)
       if (!std::isfinite(plane[i])) holes.push_back(i);
-    if (holes.size() == (size_t)w * h) throw Error("channel " + std::to_string(c) + " of the picture has no finite sample");
+    if (holes.size() == (size_t)w * h)
+      throw Error("channel " + std::to_string(c) + " of the picture has no finite sample");
     std::vector<std::pair<size_t, float>> filled;
     std::vector<float> around;
     while (!holes.empty()) {
@@ -136,12 +138,15 @@ std::optional<Image> check_restore_inputs(Image& blurred, const Image& psf, cons
   if (!psf_is_finite(psf)) return std::nullopt;
   const Pedestal pedestal = psf_pedestal(psf);
   if (!pedestal.background()) return std::nullopt;
-  if (!options.subtract_psf_background) throw Error(on_background(pedestal) + ": subtract the background, or let the background option do it");
+  if (!options.subtract_psf_background)
+    throw Error(on_background(pedestal) +
+                ": subtract the background, or let subtract_psf_background (--subtract-psf-background) do it");
   Image plane(psf.width, psf.height, 1);
   const float peak = *std::max_element(psf.pixels.begin(), psf.pixels.begin() + plane.pixels.size());
   const float background = (float)(pedestal.level * peak);
   for (size_t i = 0; i < plane.pixels.size(); ++i) plane.pixels[i] = std::max(0.0f, psf.pixels[i] - background);
-  if (options.notice) options.notice("took the PSF's background (" + share(pedestal.level) + " of its peak) off its taps");
+  if (options.notice)
+    options.notice("took the PSF's background (" + share(pedestal.level) + " of its peak) off its taps");
   return plane;
 }
 
@@ -152,8 +157,9 @@ void check_strength_inputs(const Image& blurred, const Image& psf) {
   int x = 0, y = 0, c = 0;
   const size_t count = count_nonfinite(blurred, x, y, c);
   if (count)
-    throw Error("the picture holds " + std::to_string(count) + " samples that are not finite (NaN or infinite), the first at x " +
-                std::to_string(x) + ", y " + std::to_string(y) + ", channel " + std::to_string(c));
+    throw Error("the picture holds " + std::to_string(count) +
+                " samples that are not finite (NaN or infinite), the first at x " + std::to_string(x) + ", y " +
+                std::to_string(y) + ", channel " + std::to_string(c));
   const auto [least, most] = std::minmax_element(blurred.pixels.begin(), blurred.pixels.end());
   if (*least == *most) throw Error("the picture is flat (every sample is the same): no strength can be judged by it");
   if (psf_is_finite(psf) && psf_pedestal(psf).background())

@@ -50,10 +50,12 @@ void copy_planes(const py::array& array, const int channels_taken, const bool sc
 
 // `array` as the library's planes: all its channels, or only the first
 // (`first_channel_only`, for a PSF). `what` names it in messages.
-deconv::Image to_image(const py::object& given, const char* const what, const bool first_channel_only, const bool scaled) {
+deconv::Image to_image(const py::object& given, const char* const what, const bool first_channel_only,
+                       const bool scaled) {
   const std::string name = what;
   if (!py::isinstance<py::array>(given) && !py::isinstance<py::list>(given) && !py::isinstance<py::tuple>(given))
-    throw deconv::Error(name + " must be a numpy array, not " + std::string(py::str(given.get_type().attr("__name__"))));
+    throw deconv::Error(name + " must be a numpy array, not " +
+                        std::string(py::str(given.get_type().attr("__name__"))));
   py::array array;
   try {
     array = py::array::ensure(given);

@@ -45,7 +45,8 @@ deconv::Image load_psf(const RestoreCommand& command, const deconv::Image& pictu
     deconv::EstimateOptions estimation;
     if (command.progress == 1 || (command.progress < 0 && isatty(2)))
       estimation.progress = [&input](const std::string& stage, double scale) {
-        std::fprintf(stderr, "deconv-restore: %s: estimating the blur: %s at scale %.3g\n", input.c_str(), stage.c_str(), scale);
+        std::fprintf(stderr, "deconv-restore: %s: estimating the blur: %s at scale %.3g\n", input.c_str(),
+                     stage.c_str(), scale);
       };
     try {
       return deconv::estimate_psf(picture, estimation).psf;

@@ -13,8 +13,8 @@ namespace {
 using ::testing::HasSubstr;
 
 deconv::Image photo(int w, int h, int channels = 1) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + (channels == 1 ? "/camera.png" : "/astronaut.png"), 120,
-                                   80, w, h, channels == 1);
+  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + (channels == 1 ? "/camera.png" : "/astronaut.png"),
+                                   120, 80, w, h, channels == 1);
 }
 
 // `psf` in the middle of a square of `side`, every tap lifted by `pedestal`
@@ -32,7 +32,8 @@ double largest_difference(const deconv::Image& a, const deconv::Image& b, int bo
   double most = 0;
   for (int c = 0; c < a.channels; ++c)
     for (int y = border; y < a.height - border; ++y)
-      for (int x = border; x < a.width - border; ++x) most = std::max(most, (double)std::fabs(a.at(x, y, c) - b.at(x, y, c)));
+      for (int x = border; x < a.width - border; ++x)
+        most = std::max(most, (double)std::fabs(a.at(x, y, c) - b.at(x, y, c)));
   return most;
 }
 
@@ -63,7 +64,8 @@ TEST_P(NonFiniteSamples, AreRefusedOrRepaired) {
   deconv::Image holed = clean;
   for (const auto& [x, y, c] : p.places) holed.at(x, y, c) = p.value;
   EXPECT_THAT(thrown<deconv::Error>([&] { deconv::restore(holed, psf, fixed_strength()); }),
-              HasSubstr(std::to_string(p.places.size()) + " samples that are not finite (NaN or infinite), the first at " + p.first));
+              HasSubstr(std::to_string(p.places.size()) +
+                        " samples that are not finite (NaN or infinite), the first at " + p.first));
   EXPECT_THAT(thrown<deconv::Error>([&] { deconv::choose_strength(holed, psf); }), HasSubstr("not finite"));
 
   deconv::RestoreOptions options = fixed_strength();
@@ -86,9 +88,14 @@ INSTANTIATE_TEST_SUITE_P(
     Library, NonFiniteSamples,
     ::testing::Values(NonFinite{"one_nan", 1, {{40, 30, 0}}, NAN, "x 40, y 30, channel 0", 0.02},
                       NonFinite{"corner_inf", 1, {{0, 0, 0}, {95, 79, 0}}, INFINITY, "x 0, y 0, channel 0", 0.02},
-                      NonFinite{"hole_in_green", 3, {{50, 40, 1}, {51, 40, 1}, {50, 41, 1}, {51, 41, 1}, {52, 42, 1}}, -INFINITY,
-                                "x 50, y 40, channel 1", 0.2},
-                      NonFinite{"second_channel_first", 3, {{10, 5, 2}, {70, 60, 1}}, NAN, "x 70, y 60, channel 1", 0.02}),
+                      NonFinite{"hole_in_green",
+                                3,
+                                {{50, 40, 1}, {51, 40, 1}, {50, 41, 1}, {51, 41, 1}, {52, 42, 1}},
+                                -INFINITY,
+                                "x 50, y 40, channel 1",
+                                0.2},
+                      NonFinite{
+                          "second_channel_first", 3, {{10, 5, 2}, {70, 60, 1}}, NAN, "x 70, y 60, channel 1", 0.02}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(Library, AChannelWithNothingFiniteCannotBeRepaired) {
@@ -109,17 +116,19 @@ TEST(Library, APsfLargerThanThePictureIsRefused) {
     int picture_w, picture_h;
     const char* psf;
     bool refused;
-  } cases[] = {{300, 200, "box:301,301", true},  // 303 x 303 drawn
-               {200, 300, "box:203,3", true},     // 205 x 205: too wide
-               {300, 200, "box:3,201", true},     // 203 x 203: too high
+  } cases[] = {{300, 200, "box:301,301", true},    // 303 x 303 drawn
+               {200, 300, "box:203,3", true},      // 205 x 205: too wide
+               {300, 200, "box:3,201", true},      // 203 x 203: too high
                {203, 203, "box:201,201", false}};  // 203 x 203, as large as the picture
   for (const auto& c : cases) {
     const deconv::Image picture = photo(c.picture_w, c.picture_h), psf = deconv::draw_psf(c.psf);
     const std::string said = thrown<deconv::Error>([&] { deconv::restore(picture, psf, fixed_strength()); });
     if (c.refused) {
       EXPECT_THAT(said, HasSubstr("is larger than the picture (" + std::to_string(c.picture_w) + " x " +
-                                  std::to_string(c.picture_h) + ")")) << c.psf;
-      EXPECT_THAT(thrown<deconv::Error>([&] { deconv::choose_strength(picture, psf); }), HasSubstr("larger than the picture"));
+                                  std::to_string(c.picture_h) + ")"))
+          << c.psf;
+      EXPECT_THAT(thrown<deconv::Error>([&] { deconv::choose_strength(picture, psf); }),
+                  HasSubstr("larger than the picture"));
     } else {
       EXPECT_EQ(said, "nothing thrown") << c.psf;
     }
@@ -166,14 +175,19 @@ TEST(Library, DrawPsfRefusesWhatItCannotDraw) {
     const char* description;
     const char* refusal;  // nullptr: drawn, of `side`
     int side;
-  } cases[] = {{"gaussian:1e9", "wider than 2001", 0},  {"gaussian:333.3", nullptr, 2001},
-               {"gaussian:333.4", "wider than 2001", 0}, {"motion:1e300,0", "wider than 2001", 0},
-               {"box:2000,1", nullptr, 2001},            {"disk:1001", "wider than 2001", 0},
-               {"disk:1e-300", "too small to draw", 0},  {"box:1e-30,1e-30", "too small to draw", 0},
+  } cases[] = {{"gaussian:1e9", "wider than 2001", 0},
+               {"gaussian:333.3", nullptr, 2001},
+               {"gaussian:333.4", "wider than 2001", 0},
+               {"motion:1e300,0", "wider than 2001", 0},
+               {"box:2000,1", nullptr, 2001},
+               {"disk:1001", "wider than 2001", 0},
+               {"disk:1e-300", "too small to draw", 0},
+               {"box:1e-30,1e-30", "too small to draw", 0},
                {"gaussian:1e-30", nullptr, 3}};
   for (const auto& c : cases) {
     if (c.refusal) {
-      EXPECT_THAT(thrown<deconv::Error>([&] { deconv::draw_psf(c.description); }), HasSubstr(c.refusal)) << c.description;
+      EXPECT_THAT(thrown<deconv::Error>([&] { deconv::draw_psf(c.description); }), HasSubstr(c.refusal))
+          << c.description;
     } else {
       const deconv::Image psf = deconv::draw_psf(c.description);
       EXPECT_EQ(psf.width, c.side) << c.description;

@@ -63,8 +63,10 @@ TEST_F(Refusals, OneLineNamingTheFileAndNothingWritten) {
        "the first at x 30, y 20, channel 0"},
       {"--psf box:301,301 wide.png out.png", 11,
        "deconv-restore: wide.png: cannot restore: the PSF (303 x 303) is larger than the picture (300 x 200)"},
-      {"--psf star.exr sharp.png out.png", 11, "deconv-restore: sharp.png: cannot restore: the PSF stands on a background"},
-      {"--psf disk:2 --strength auto holed.exr out.exr", 11, "deconv-restore: holed.exr: cannot restore: the picture holds 1"},
+      {"--psf star.exr sharp.png out.png", 11,
+       "deconv-restore: sharp.png: cannot restore: the PSF stands on a background"},
+      {"--psf disk:2 --strength auto holed.exr out.exr", 11,
+       "deconv-restore: holed.exr: cannot restore: the picture holds 1"},
   };
   for (const auto& c : cases) {
     const auto [status, text] = run(c.args);
