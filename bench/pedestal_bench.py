@@ -1,7 +1,7 @@
 """What a background under a PSF costs a restoration: camera.png's middle,
 blurred by a Gaussian cut at several sizes, restored with the PSF lifted by a
-pedestal. The pedestal is given as its share of the PSF's weight (the border's
-median over the PSF's mean sample); the loss is in dB of PSNR against the
+pedestal. The pedestal is given as its share of the PSF's weight (the border's floor
+over the PSF's mean sample); the loss is in dB of PSNR against the
 restoration with the clean PSF. lib/checks.h's psf_pedestal_limit is set from
 this table. Run: python3 bench/pedestal_bench.py BUILD/python TESTDATA"""
 import sys

@@ -135,6 +135,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   if (blurred.width <= 0 || blurred.height <= 0 || blurred.channels <= 0 ||
       blurred.pixels.size() != (size_t)blurred.width * blurred.height * blurred.channels)
     throw Error("the picture is empty");
+  check_finite(blurred);
   const std::string& model = options.model;
   if (model != "kernel" && model != "motion" && model != "disk" && model != "gaussian")
     throw Error("unknown model \"" + model + "\" (kernel, motion, disk or gaussian)");

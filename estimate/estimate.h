@@ -165,6 +165,9 @@ Spread robust_spread(const Image& plane);
 // 0..1 (below half of it, or above twice): the sharp step's weights were set
 // on photographs that span most of 0..1. Others are returned as they are.
 Image on_own_range(const Image& plane);
+// Throws Error when some sample of the picture is NaN or infinite: one would
+// spread through every transform of the estimate.
+void check_finite(const Image& picture);
 // Throws Error when the picture is too small, too flat or too noisy for its
 // spread of values.
 void check_picture(const Image& plane, int kernel_side);

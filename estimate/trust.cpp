@@ -55,6 +55,17 @@ Image on_own_range(const Image& plane) {
   return stretched;
 }
 
+void check_finite(const Image& picture) {
+  size_t count = 0, first = 0;
+  for (size_t i = picture.pixels.size(); i-- > 0;)
+    if (!std::isfinite(picture.pixels[i])) ++count, first = i;
+  if (count == 0) return;
+  const size_t plane = (size_t)picture.width * picture.height;
+  throw Error("the picture holds " + std::to_string(count) + " samples that are not finite (NaN or infinite), the first at x " +
+              std::to_string(first % picture.width) + ", y " + std::to_string(first % plane / picture.width) +
+              ", channel " + std::to_string(first / plane));
+}
+
 void check_picture(const Image& plane, int kernel_side) {
   const int least = std::max(48, 3 * kernel_side);
   if (plane.width < least || plane.height < least)

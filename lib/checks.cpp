@@ -22,7 +22,7 @@ std::string share(const double value) {
 }
 
 std::string on_background(const Pedestal& pedestal) {
-  return "the PSF stands on a background (its border's median is " + share(pedestal.level) + " of its peak, " +
+  return "the PSF stands on a background (its border's floor is " + share(pedestal.level) + " of its peak, " +
          share(100 * pedestal.share) + " % of its weight)";
 }
 
@@ -51,6 +51,15 @@ void require_psf_fits(const Image& blurred, const Image& psf) {
 bool psf_is_finite(const Image& psf) {
   for (size_t i = 0; i < (size_t)psf.width * psf.height; ++i)
     if (!std::isfinite(psf.pixels[i])) return false;
+  return true;
+}
+
+bool is_flat(const Image& image) {
+  const size_t plane = (size_t)image.width * image.height;
+  for (int c = 0; c < image.channels; ++c) {
+    const float* const first = image.pixels.data() + c * plane;
+    if (std::any_of(first, first + plane, [first](const float v) { return v != *first; })) return false;
+  }
   return true;
 }
 
@@ -125,29 +134,35 @@ Pedestal psf_pedestal(const Image& psf) {
     }
   // A PSF of one or two rows is all border: nothing there is a background.
   if (w < 3 || h < 3 || !(peak > 0) || !(sum > 0)) return {};
-  const double level = median(ring);
+  const auto quartile = ring.begin() + ring.size() / 4;
+  std::nth_element(ring.begin(), quartile, ring.end());
+  const double level = *quartile;
   return {level / peak, level * w * h / sum};
 }
 
-std::optional<Image> check_restore_inputs(Image& blurred, const Image& psf, const RestoreOptions& options) {
+std::optional<CheckedInputs> check_restore_inputs(Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
   require_picture(psf, "the PSF");
   require_psf_fits(blurred, psf);
   require_finite_picture(blurred, options);
+  const bool choose_for_flat = options.strength < 0 && is_flat(blurred);
   // A PSF that is not finite is the engine's checks' to refuse.
-  if (!psf_is_finite(psf)) return std::nullopt;
-  const Pedestal pedestal = psf_pedestal(psf);
-  if (!pedestal.background()) return std::nullopt;
+  const Pedestal pedestal = psf_is_finite(psf) ? psf_pedestal(psf) : Pedestal();
+  if (!pedestal.background() && !choose_for_flat) return std::nullopt;
+  CheckedInputs checked{psf, options};
+  if (choose_for_flat) checked.options.strength = 10;
+  if (!pedestal.background()) return checked;
   if (!options.subtract_psf_background)
     throw Error(on_background(pedestal) +
                 ": subtract the background, or let subtract_psf_background (--subtract-psf-background) do it");
-  Image plane(psf.width, psf.height, 1);
+  Image& plane = checked.psf;
+  plane = Image(psf.width, psf.height, 1);
   const float peak = *std::max_element(psf.pixels.begin(), psf.pixels.begin() + plane.pixels.size());
   const float background = (float)(pedestal.level * peak);
   for (size_t i = 0; i < plane.pixels.size(); ++i) plane.pixels[i] = std::max(0.0f, psf.pixels[i] - background);
   if (options.notice)
     options.notice("took the PSF's background (" + share(pedestal.level) + " of its peak) off its taps");
-  return plane;
+  return checked;
 }
 
 void check_strength_inputs(const Image& blurred, const Image& psf) {
@@ -160,8 +175,8 @@ void check_strength_inputs(const Image& blurred, const Image& psf) {
     throw Error("the picture holds " + std::to_string(count) +
                 " samples that are not finite (NaN or infinite), the first at x " + std::to_string(x) + ", y " +
                 std::to_string(y) + ", channel " + std::to_string(c));
-  const auto [least, most] = std::minmax_element(blurred.pixels.begin(), blurred.pixels.end());
-  if (*least == *most) throw Error("the picture is flat (every sample is the same): no strength can be judged by it");
+  if (is_flat(blurred))
+    throw Error("the picture is flat (each channel holds one value throughout): no strength can be judged by it");
   if (psf_is_finite(psf) && psf_pedestal(psf).background())
     throw Error(on_background(psf_pedestal(psf)) + ": subtract the background first");
 }

@@ -76,8 +76,8 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 }
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
-  if (std::optional<Image> clean_psf = check_restore_inputs(blurred, psf, options))
-    return restore(std::move(blurred), *clean_psf, options);
+  if (std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options))
+    return restore(std::move(blurred), checked->psf, checked->options);
   require_picture(blurred, "the picture");
   require_psf(psf);
   if (options.strength > 200) throw Error("the strength is above 200");

@@ -301,7 +301,7 @@ compressed  True for a picture that was saved as JPEG: an "auto" strength
 repair_nonfinite  True replaces samples that are NaN or infinite by the
           median of their neighbours (with a UserWarning saying how many);
           False refuses such a picture.
-subtract_psf_background  True takes the median of the PSF's border off a
+subtract_psf_background  True takes the floor of the PSF's border off a
           PSF that stands on a background (a star or bead cut from a picture
           with its sky), with a UserWarning; False refuses such a PSF.
 

@@ -68,7 +68,6 @@ int main(int argc, char** argv) {
     require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
     const deconv::Image psf = load_psf(command, picture.image);
-    if (!command.save_psf.empty()) write_picture(command.save_psf, peak_at_one(psf), SampleDepth::u16);
     deconv::RestoreOptions options;
     options.strength = command.strength;
     options.workers = command.workers;
@@ -87,6 +86,8 @@ int main(int argc, char** argv) {
     } catch (const deconv::Error& e) {
       return fail(command.input + ": cannot restore: " + e.what());
     }
+    // Only once restored: a refusal leaves no file behind.
+    if (!command.save_psf.empty()) write_picture(command.save_psf, peak_at_one(psf), SampleDepth::u16);
     const SampleDepth depth = command.depth_given ? command.depth : picture.depth;
     write_picture(command.output, result, depth, &picture, &picture.alpha);
     const double gain = gradient_energy(result, margin) / before;

@@ -72,12 +72,18 @@ deconv::Image grey(int w, int h, float value, float noise) {
   return img;
 }
 
+deconv::Image with_nan(deconv::Image img, int x, int y) {
+  img.at(x, y) = NAN;
+  return img;
+}
+
 TEST(Refusals, SayWhy) {
   const std::pair<deconv::Image, const char*> cases[] = {
       {to_image(blurred_case("camera.png", Kind::motion, 0, 1).blurred.get_crop(0, 0, 99, 99), 1.0f / 255), "too small"},
       {grey(300, 300, 0.5f, 0.002f), "too flat"},
       {to_image(blurred_case("camera.png", Kind::disk, 0.08, 1).blurred, 1.0f / 255), "too noisy"},
-      {deconv::Image(), "empty"}};
+      {deconv::Image(), "empty"},
+      {with_nan(grey(300, 300, 0.5f, 0.01f), 7, 9), "1 samples that are not finite (NaN or infinite), the first at x 7, y 9"}};
   for (const auto& c : cases)
     EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(c.first); }), ::testing::HasSubstr(c.second));
 }

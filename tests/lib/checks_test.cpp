@@ -152,7 +152,9 @@ TEST(Library, APsfOnABackgroundIsRefusedOrSubtracted) {
                {"star on a sky of 0.0005 in a small cut", framed(star, 15, 0.0005f), false},
                {"star in a dark margin", framed(star, 41, 0), false},
                {"box filling its picture", full_box, false},
-               {"even box", deconv::draw_psf("box:6,6"), false}};
+               {"even box", deconv::draw_psf("box:6,6"), false},
+               {"disk touching its edges", deconv::draw_psf("disk:4"), false},
+               {"diagonal motion", deconv::draw_psf("motion:15,45"), false}};
   for (const auto& c : cases) {
     const std::string said = thrown<deconv::Error>([&] { deconv::restore(sharp, c.psf, fixed_strength()); });
     EXPECT_EQ(said.find("stands on a background") != std::string::npos, c.background) << c.name << ": " << said;
@@ -202,6 +204,9 @@ TEST(Library, ChooseStrengthRefusesAFlatPicture) {
   for (float& v : flat.pixels) v = 0.5f;
   EXPECT_THAT(thrown<deconv::Error>([&] { deconv::choose_strength(flat, deconv::draw_psf("disk:2")); }),
               HasSubstr("the picture is flat"));
+  // restore() gives it back as it is, at a strength of its own.
+  const deconv::Image same = deconv::restore(flat, deconv::draw_psf("disk:2"));
+  EXPECT_TRUE(std::all_of(same.pixels.begin(), same.pixels.end(), [](float v) { return std::fabs(v - 0.5f) < 1e-5f; }));
   flat.at(3, 4, 2) = 0.6f;
   const int chosen = deconv::choose_strength(flat, deconv::draw_psf("disk:2"));
   EXPECT_TRUE(chosen >= 1 && chosen <= 200) << chosen;

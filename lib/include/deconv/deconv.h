@@ -59,10 +59,11 @@ struct RestoreOptions {
   // replaced by the median of the finite samples around it, and `notice` is
   // told how many were.
   bool repair_nonfinite = false;
-  // A PSF whose border stands on a background (its border's median above
-  // 1 % of its peak: a bead or star cut from a picture with its sky) is
-  // refused; with subtract_psf_background the border's median is taken off
-  // every tap (negatives become 0), and `notice` is told.
+  // A PSF that stands on a background (a bead or star cut from a picture with
+  // its sky: the lower quartile of its border, laid under all its taps, more
+  // than 5 % of its weight, yet at most a fifth of its peak) is refused; with
+  // subtract_psf_background that quartile is taken off every tap (negatives
+  // become 0), and `notice` is told.
   bool subtract_psf_background = false;
   // Told, in one line each, what the restoration changed in its input. The
   // library never prints; a command prints these as warnings.
@@ -111,9 +112,10 @@ struct EstimateOptions {
   // picture and drawn as draw_psf() draws it.
   std::string model = "kernel";
   int threads = 0;  // 0: the machine's cores
-  // Told where the estimation stands, a few times a second at most: the stage
-  // ("coarse to fine", "refining", "fitting", "checking") and the scale of the
-  // picture it works on (1 is full size). Called on the caller's thread.
+  // Told as each stage and scale begins: the stage ("coarse to fine",
+  // "refining", "fitting", "checking") and the scale of the picture it works
+  // on (1 is full size), about ten calls an estimate. Called on the caller's
+  // thread.
   std::function<void(const std::string& stage, double scale)> progress;
 };
 
