@@ -33,6 +33,11 @@ faults=(
   'python/module.cpp|image.at(x, y, c) = (float)v / scale;|image.at(x, y, c) = (float)v / 255.0f;|Python integers of every type divided by 255'
   'estimate/kernel_step.cpp|const double sx = x - half + cx, sy = y - half + cy;|const double sx = x - half + cx + 0.5, sy = y - half + cy;|an estimated PSF half a pixel off centre'
   'picture/picture_file.cpp|in->format_name()) == "jpeg"|in->format_name()) == "jpg"|a JPEG not known for one'
+  'lib/checks.h|psf_pedestal_limit = 0.05|psf_pedestal_limit = 0.5|a star cut with its sky restored as it is'
+  'lib/checks.cpp|filled.emplace_back(i, median(around));|filled.emplace_back(i, 0.0f);|samples that are not finite repaired as 0'
+  'psf/named.cpp|if (!(kind->reach(values) <= (widest - 1) / 2))|if (odd_side(kind->reach(values)) > widest)|a blur too wide for int drawn as a small picture'
+  'estimate/trust.cpp|return {low, high - low};|return {low, 1.0};|a faint plane judged by its type'"'"'s range'
+  'restore/sharpness.h|least_sharpening = 1.1;|least_sharpening = 0.5;|a result no sharper than its picture not reported'
 )
 
 # The worktree stays between runs, so that a second run rebuilds only what

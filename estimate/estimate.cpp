@@ -71,7 +71,12 @@ struct FinestScale {
   Spectrum bx, by;
 };
 
-Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest) {
+// Tells `progress`, if the caller gave one, which stage runs at which scale.
+void report(const EstimateOptions& options, const char* stage, double scale) {
+  if (options.progress) options.progress(stage, scale);
+}
+
+Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest, const EstimateOptions& options) {
   const Tuning& tune = tuning();
   const std::vector<Level> levels = pyramid(side);
   Image kernel(3, 3, 1);
@@ -83,6 +88,7 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
     const int w = std::max(8, (int)std::lround(plane.width * level.scale));
     const int h = std::max(8, (int)std::lround(plane.height * level.scale));
     const int s = level.kernel_side;
+    report(options, "coarse to fine", level.scale);
     const Image y = last ? plane : resample(plane, w, h);
     if (kernel.width != s) kernel = resize_kernel(kernel, s);
     auto t = std::make_unique<Transforms>(good_size(w + s), good_size(h + s), threads);
@@ -106,7 +112,10 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
       lg = std::max(lg / 1.1, 1e-4);
       lp = std::max(lp / 1.1, 1e-4);
     }
-    if (last && tune.refine > 0) kernel = refine(*t, step, bx, by, kernel, w, h, lg, lp);
+    if (last && tune.refine > 0) {
+      report(options, "refining", 1);
+      kernel = refine(*t, step, bx, by, kernel, w, h, lg, lp);
+    }
     if (last && finest) {
       finest->transforms = std::move(t);
       finest->canvas = std::move(*canvas);
@@ -126,6 +135,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   if (blurred.width <= 0 || blurred.height <= 0 || blurred.channels <= 0 ||
       blurred.pixels.size() != (size_t)blurred.width * blurred.height * blurred.channels)
     throw Error("the picture is empty");
+  check_finite(blurred);
   const std::string& model = options.model;
   if (model != "kernel" && model != "motion" && model != "disk" && model != "gaussian")
     throw Error("unknown model \"" + model + "\" (kernel, motion, disk or gaussian)");
@@ -146,12 +156,13 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   } else {
     win = choose_window(grey, 1L << 20);
   }
-  const Image plane = crop(grey, win.x, win.y, win.width, win.height);
+  const Image plane = on_own_range(crop(grey, win.x, win.y, win.width, win.height));
   check_picture(plane, side);
 
   FinestScale finest;
-  Image kernel = free_kernel(plane, side, threads, model == "kernel" ? nullptr : &finest);
+  Image kernel = free_kernel(plane, side, threads, model == "kernel" ? nullptr : &finest, options);
   check_kernel(kernel, side);
+  report(options, model == "kernel" ? "checking" : "fitting", 1);
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
                      plane.height);

@@ -155,7 +155,21 @@ Window choose_window(const Image& plane, long pixels);
 // ---- trust.cpp
 // Noise standard deviation (0..1 units) from the finest diagonal wavelet band.
 double noise_level(const Image& plane);
-// Throws Error when the picture is too small, too flat or too noisy.
+// The values a picture uses: its 1st percentile and the distance from there
+// to its 99th.
+struct Spread {
+  double low = 0, width = 0;
+};
+Spread robust_spread(const Image& plane);
+// The plane with its spread mapped onto 0..1 when that spread is far from
+// 0..1 (below half of it, or above twice): the sharp step's weights were set
+// on photographs that span most of 0..1. Others are returned as they are.
+Image on_own_range(const Image& plane);
+// Throws Error when some sample of the picture is NaN or infinite: one would
+// spread through every transform of the estimate.
+void check_finite(const Image& picture);
+// Throws Error when the picture is too small, too flat or too noisy for its
+// spread of values.
 void check_picture(const Image& plane, int kernel_side);
 // Throws Error when the kernel is not one to stand behind.
 void check_kernel(const Image& kernel, int kernel_side);

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string>
 
+#include <unistd.h>
+
 #include "estimate/estimate.h"
 #include "picture/picture_file.h"
 
@@ -26,6 +28,8 @@ const char* const usage =
     "                     of about one megapixel rich in edges)\n"
     "  --model M          kernel (default), motion, disk or gaussian\n"
     "  --threads N        threads for the transforms (default: the cores)\n"
+    "  --progress, --quiet  each stage and scale on stderr always, or never\n"
+    "                     (default: when stderr is a terminal)\n"
     "  --help             this text\n";
 
 int bad(const std::string& message) {
@@ -47,12 +51,15 @@ bool whole(const char* text, int low, int high, int& value) {
 int main(int argc, char** argv) {
   deconv::EstimateOptions options;
   std::vector<std::string> paths;
+  int progress = -1;  // -1: only on a terminal
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool has_value = i + 1 < argc;
     if (arg == "--help" || arg == "-h") {
       std::fputs(usage, stdout);
       return 0;
+    } else if (arg == "--progress" || arg == "--quiet") {
+      progress = arg == "--progress";
     } else if (arg == "--size") {
       if (!has_value || !whole(argv[++i], 3, 501, options.max_size)) return bad("--size takes a number of pixels from 3 to 501");
     } else if (arg == "--threads") {
@@ -90,6 +97,10 @@ int main(int argc, char** argv) {
   if (paths.size() != 2) return bad("it takes INPUT and PSF_OUT");
   const std::string& input = paths[0];
   const std::string& output = paths[1];
+  if (progress == 1 || (progress < 0 && isatty(2)))
+    options.progress = [&input](const std::string& stage, double scale) {
+      std::fprintf(stderr, "deconv-estimate: %s: %s at scale %.3g\n", input.c_str(), stage.c_str(), scale);
+    };
 
   deconv::PsfEstimate estimate;
   try {

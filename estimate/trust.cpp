@@ -31,23 +31,66 @@ double noise_level(const Image& plane) {
   return d[d.size() / 2] / 0.6745;
 }
 
+Spread robust_spread(const Image& plane) {
+  // Every fourth sample of every fourth row is plenty for two percentiles.
+  std::vector<float> v;
+  for (int y = 0; y < plane.height; y += 4)
+    for (int x = 0; x < plane.width; x += 4) v.push_back(plane.at(x, y));
+  if (v.empty()) return {};
+  const auto at = [&v](double share) {
+    const auto k = v.begin() + (ptrdiff_t)(share * (v.size() - 1));
+    std::nth_element(v.begin(), k, v.end());
+    return (double)*k;
+  };
+  const double low = at(0.01), high = at(0.99);
+  return {low, high - low};
+}
+
+Image on_own_range(const Image& plane) {
+  const Spread spread = robust_spread(plane);
+  if (spread.width <= 0 || (spread.width >= 0.5 && spread.width <= 2)) return plane;
+  Image stretched(plane.width, plane.height, 1);
+  for (size_t i = 0; i < plane.pixels.size(); ++i)
+    stretched.pixels[i] = (float)((plane.pixels[i] - spread.low) / spread.width);
+  return stretched;
+}
+
+void check_finite(const Image& picture) {
+  size_t count = 0, first = 0;
+  for (size_t i = picture.pixels.size(); i-- > 0;)
+    if (!std::isfinite(picture.pixels[i])) ++count, first = i;
+  if (count == 0) return;
+  const size_t plane = (size_t)picture.width * picture.height;
+  throw Error("the picture holds " + std::to_string(count) + " samples that are not finite (NaN or infinite), the first at x " +
+              std::to_string(first % picture.width) + ", y " + std::to_string(first % plane / picture.width) +
+              ", channel " + std::to_string(first / plane));
+}
+
 void check_picture(const Image& plane, int kernel_side) {
   const int least = std::max(48, 3 * kernel_side);
   if (plane.width < least || plane.height < least)
     throw Error("the picture (" + std::to_string(plane.width) + " x " + std::to_string(plane.height) +
                 ") is too small for a blur of up to " + std::to_string(kernel_side) + " pixels: it needs " +
                 std::to_string(least) + " x " + std::to_string(least) + " (a smaller --size needs less)");
+  // Flat and noisy are measured against the values the picture uses, not
+  // against its type's range: a faint plane of a 16-bit detector that spans a
+  // hundredth of 0..65535 shows its blur as well as the same plane stretched.
+  const double range = robust_spread(plane).width;
+  if (!(range > 0)) throw Error("the picture is too flat (nearly all its samples are the same) to show its blur");
   double mean = 0, var = 0;
   for (float v : plane.pixels) mean += v;
   mean /= plane.pixels.size();
   for (float v : plane.pixels) var += (v - mean) * (v - mean);
   var /= plane.pixels.size();
-  const double noise = noise_level(plane), signal = std::sqrt(std::max(0.0, var - noise * noise));
-  if (noise > 0.04)
-    throw Error("the picture is too noisy (noise about " + percent(noise) + " of the range)");
-  if (signal < 0.02 || signal < 6 * noise)
-    throw Error("the picture is too flat (contrast " + percent(signal) + " of the range, noise " + percent(noise) +
-                ") to show its blur");
+  const double noise = noise_level(plane) / range;
+  const double signal = std::sqrt(std::max(0.0, var / (range * range) - noise * noise));
+  // Noise and nothing else spans its own spread: that is a flat picture.
+  const bool flat = signal < 0.02 || signal < 6 * noise;
+  if (noise > 0.04 && signal >= noise)
+    throw Error("the picture is too noisy (noise about " + percent(noise) + " of its values' spread)");
+  if (flat)
+    throw Error("the picture is too flat (contrast " + percent(signal) + " of its values' spread, noise " +
+                percent(noise) + ") to show its blur");
 }
 
 void check_kernel(const Image& kernel, int kernel_side) {

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "lib/checks.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
 
@@ -69,7 +70,13 @@ void finish(Image& result, const RestoreOptions& options, const bool from_exact)
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
-  if (options.exact) return restore(Image(blurred), psf, options);
+  int x = 0, y = 0, c = 0;
+  // The exact engine restores in the picture's planes, and a repair changes
+  // them: both work on a copy.
+  if (options.exact || (options.repair_nonfinite && count_nonfinite(blurred, x, y, c)))
+    return restore(Image(blurred), psf, options);
+  if (std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options))
+    return restore(blurred, checked->psf, checked->options);
   require_psf(psf);
   check_options(options);
   const int strength = strength_for(blurred, psf, options);
@@ -80,6 +87,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 }
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
+  require_picture(blurred, "the picture");
+  repair_where_asked(blurred, options);
+  if (std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options))
+    return restore(std::move(blurred), checked->psf, checked->options);
   require_picture(blurred, "the picture");
   require_psf(psf);
   check_options(options);
@@ -98,6 +109,7 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) 
 }
 
 int choose_strength(const Image& blurred, const Image& psf, const bool compressed) {
+  check_strength_inputs(blurred, psf);
   require_picture(blurred, "the picture");
   require_psf(psf);
   DenormalsAsZero denormals;

@@ -1,5 +1,6 @@
 #include "psf/named.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <stdexcept>
@@ -53,7 +54,14 @@ CImg<float> draw_named_psf(const std::string& name, const std::vector<std::strin
       throw std::invalid_argument(name + ": '" + numbers[i] + "' is not a " +
                                   (is_angle ? "number of degrees" : "number of pixels above 0"));
   }
-  if (odd_side(kind->reach(values)) > widest)
+  // Compared before odd_side rounds it: a reach beyond int's range would wrap
+  // into a small picture of nothing like the blur.
+  if (!(kind->reach(values) <= (widest - 1) / 2))
     throw std::invalid_argument(name + ": the PSF would be wider than " + std::to_string(widest) + " pixels");
-  return kind->draw(values);
+  const CImg<float> psf = kind->draw(values);
+  // A blur far below a pixel falls between the samples and draws as nothing
+  // (or as 0/0); a PSF of no weight is no blur at all.
+  const bool finite = std::all_of(psf.begin(), psf.end(), [](const float v) { return std::isfinite(v); });
+  if (!finite || !(psf.max() > 0)) throw std::invalid_argument(name + ": too small to draw: no pixel of the PSF would hold any of it");
+  return psf;
 }

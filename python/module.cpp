@@ -18,14 +18,17 @@ namespace py = pybind11;
 
 namespace {
 
-// Samples as the files' readers scale them: an unsigned integer by its type's
-// largest value (uint8 by 255, uint16 by 65535), so that a picture read with
-// any library restores as deconv-restore restores the file; a signed one by
-// its largest positive value, so that 0..max is 0..1 and negatives stay
-// negative; bool as 0 and 1; floats as they are.
+// Samples as the files' readers scale them: an unsigned integer of 8 or 16
+// bits by its type's largest value (uint8 by 255, uint16 by 65535), so that a
+// picture read with any library restores as deconv-restore restores the file;
+// int8 and int16 by their largest positive value, so that 0..max is 0..1 and
+// negatives stay negative; bool as 0 and 1; floats as they are. Integers
+// wider than 16 bits are counts (a detector's, a sum's) that no file's range
+// bounds: divided by 2^31 or 2^63, 0..1000 would come back as 1e-16, so they
+// are taken as they are.
 template <typename T>
 float unit_scale() {
-  if (std::is_same<T, bool>::value || std::is_floating_point<T>::value) return 1.0f;
+  if (std::is_same<T, bool>::value || std::is_floating_point<T>::value || sizeof(T) > 2) return 1.0f;
   return (float)std::numeric_limits<T>::max();
 }
 
@@ -47,16 +50,26 @@ void copy_planes(const py::array& array, const int channels_taken, const bool sc
 
 // `array` as the library's planes: all its channels, or only the first
 // (`first_channel_only`, for a PSF). `what` names it in messages.
-deconv::Image to_image(py::array array, const char* const what, const bool first_channel_only, const bool scaled) {
+deconv::Image to_image(const py::object& given, const char* const what, const bool first_channel_only,
+                       const bool scaled) {
   const std::string name = what;
+  if (!py::isinstance<py::array>(given) && !py::isinstance<py::list>(given) && !py::isinstance<py::tuple>(given))
+    throw deconv::Error(name + " must be a numpy array, not " +
+                        std::string(py::str(given.get_type().attr("__name__"))));
+  py::array array;
+  try {
+    array = py::array::ensure(given);
+  } catch (const py::error_already_set&) {
+  }
+  if (!array) throw deconv::Error(name + " cannot be read as a numpy array of numbers");
   if (array.ndim() != 2 && array.ndim() != 3)
-    throw py::value_error(name + " must be a 2-D (height, width) or 3-D (height, width, channels) array, not " +
+    throw deconv::Error(name + " must be a 2-D (height, width) or 3-D (height, width, channels) array, not " +
                           std::to_string(array.ndim()) + "-D");
   for (int axis = 0; axis < array.ndim(); ++axis)
-    if (array.shape(axis) > INT_MAX) throw py::value_error(name + " is too large");
+    if (array.shape(axis) > INT_MAX) throw deconv::Error(name + " is too large");
   const char kind = array.dtype().kind();
   if (kind != 'b' && kind != 'u' && kind != 'i' && kind != 'f')
-    throw py::type_error(name + " must hold numbers (bool, integers or floats), not " +
+    throw deconv::Error(name + " must hold numbers (bool, integers or floats), not " +
                          std::string(py::str(array.dtype())));
   // Byte orders not the machine's, half and extended precision: numpy
   // converts them to a type handled below first.
@@ -84,7 +97,7 @@ deconv::Image to_image(py::array array, const char* const what, const bool first
   DECONV_COPY_IF(int64_t)
   DECONV_COPY_IF(bool)
 #undef DECONV_COPY_IF
-  throw py::type_error(name + " has a type this module does not read: " + std::string(py::str(array.dtype())));
+  throw deconv::Error(name + " has a type this module does not read: " + std::string(py::str(array.dtype())));
 }
 
 // The library's planes as a float32 array: (height, width) of the first plane
@@ -101,6 +114,16 @@ py::array_t<float> to_array(const deconv::Image& image, const bool two_dimension
   return array;
 }
 
+// A value as a message may show it: one line, at most 60 characters (an
+// array's repr runs to hundreds of lines).
+std::string short_repr(const py::object& value) {
+  if (py::isinstance<py::array>(value)) return "an array";
+  std::string text = py::repr(value);
+  for (char& c : text)
+    if (c == '\n') c = ' ';
+  return text.size() > 60 ? text.substr(0, 57) + "..." : text;
+}
+
 int strength_from(const py::object& strength) {
   if (py::isinstance<py::str>(strength)) {
     if (strength.cast<std::string>() == "auto") return -1;
@@ -110,14 +133,26 @@ int strength_from(const py::object& strength) {
       throw deconv::Error("strength must be from 0 to 200 (tenths of lambda), not " + std::to_string(value));
     return (int)value;
   }
-  throw py::type_error("strength must be a whole number from 0 to 200, or \"auto\", not " +
-                       std::string(py::repr(strength)));
+  throw deconv::Error("strength must be a whole number from 0 to 200, or \"auto\", not " + short_repr(strength));
+}
+
+// True or False (or numpy's bool), for the flags.
+bool flag_from(const py::object& value, const char* const name) {
+  if (py::isinstance<py::bool_>(value) || py::isinstance(value, py::module_::import("numpy").attr("bool_")))
+    return value.cast<bool>();
+  throw deconv::Error(std::string(name) + " must be True or False, not " + short_repr(value));
+}
+
+// The PSF: an array, or a blur in draw_psf()'s words.
+deconv::Image psf_from(const py::object& psf) {
+  if (py::isinstance<py::str>(psf)) return deconv::draw_psf(psf.cast<std::string>());
+  return to_image(psf, "the PSF", true, false);
 }
 
 int workers_from(const py::object& workers) {
   if (workers.is_none()) return 0;
   if (!py::isinstance<py::int_>(workers) || py::isinstance<py::bool_>(workers))
-    throw py::type_error("workers must be a whole number, or None, not " + std::string(py::repr(workers)));
+    throw deconv::Error("workers must be a whole number, or None, not " + short_repr(workers));
   const long value = workers.cast<long>();
   if (value < 1 || value > 1024)
     throw deconv::Error("workers must be from 1 to 1024, or None for the machine's cores, not " +
@@ -125,31 +160,45 @@ int workers_from(const py::object& workers) {
   return (int)value;
 }
 
-py::array_t<float> restore(const py::array& image, const py::array& psf, const py::object& strength, const bool align,
-                           const py::object& workers, const bool exact) {
+py::array_t<float> restore(const py::object& image, const py::object& psf, const py::object& strength,
+                           const py::object& align, const py::object& workers, const py::object& compressed,
+                           const py::object& repair_nonfinite, const py::object& subtract_psf_background,
+                           const py::object& exact) {
   deconv::RestoreOptions options;
-  options.exact = exact;
+  options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
   options.workers = workers_from(workers);
-  options.align = align;
+  options.align = flag_from(align, "align");
+  options.compressed = flag_from(compressed, "compressed");
+  options.repair_nonfinite = flag_from(repair_nonfinite, "repair_nonfinite");
+  options.subtract_psf_background = flag_from(subtract_psf_background, "subtract_psf_background");
+  // The library's notices become warnings once the GIL is held again.
+  std::vector<std::string> notices;
+  options.notice = [&notices](const std::string& message) { notices.push_back(message); };
   deconv::Image blurred = to_image(image, "the picture", false, true);
-  const deconv::Image kernel = to_image(psf, "the PSF", true, false);
+  const bool two_dimensional = py::array::ensure(image).ndim() == 2;
+  const deconv::Image kernel = psf_from(psf);
   deconv::Image result;
   {
     py::gil_scoped_release unlocked;
     result = deconv::restore(std::move(blurred), kernel, options);
   }
-  return to_array(result, image.ndim() == 2);
+  for (const std::string& message : notices) PyErr_WarnEx(PyExc_UserWarning, ("deconv: " + message).c_str(), 1);
+  return to_array(result, two_dimensional);
 }
 
-int choose_strength(const py::array& image, const py::array& psf, bool compressed) {
+int choose_strength(const py::object& image, const py::object& psf, const py::object& compressed) {
+  const bool jpeg = flag_from(compressed, "compressed");
   const deconv::Image blurred = to_image(image, "the picture", false, true);
-  const deconv::Image kernel = to_image(psf, "the PSF", true, false);
+  const deconv::Image kernel = psf_from(psf);
   py::gil_scoped_release unlocked;
-  return deconv::choose_strength(blurred, kernel, compressed);
+  return deconv::choose_strength(blurred, kernel, jpeg);
 }
 
-py::array_t<float> draw_psf(const std::string& description) {
+py::array_t<float> draw_psf(const py::object& text) {
+  if (!py::isinstance<py::str>(text))
+    throw deconv::Error("draw_psf takes a description such as \"gaussian:2\", not " + short_repr(text));
+  const std::string description = text.cast<std::string>();
   deconv::Image psf;
   {
     py::gil_scoped_release unlocked;
@@ -159,19 +208,26 @@ py::array_t<float> draw_psf(const std::string& description) {
 }
 
 #ifdef DECONV_HAS_ESTIMATE
-py::tuple estimate_psf(const py::array& image, const int max_size, const py::object& region, const std::string& model,
-                       const py::object& threads) {
+py::tuple estimate_psf(const py::object& image, const py::object& max_size, const py::object& region,
+                       const py::object& model, const py::object& threads) {
   deconv::EstimateOptions options;
-  options.max_size = max_size;
+  if (!py::isinstance<py::int_>(max_size) || py::isinstance<py::bool_>(max_size))
+    throw deconv::Error("max_size must be a whole number of pixels, not " + short_repr(max_size));
+  options.max_size = max_size.cast<int>();
+  if (!py::isinstance<py::str>(model)) throw deconv::Error("model must be a string, not " + short_repr(model));
   if (!region.is_none()) {
-    const auto box = region.cast<std::vector<int>>();
-    if (box.size() != 4) throw py::value_error("region must be (x, y, width, height)");
+    std::vector<int> box;
+    try {
+      box = region.cast<std::vector<int>>();
+    } catch (const py::cast_error&) {
+    }
+    if (box.size() != 4) throw deconv::Error("region must be (x, y, width, height), not " + short_repr(region));
     options.region_x = box[0];
     options.region_y = box[1];
     options.region_width = box[2];
     options.region_height = box[3];
   }
-  options.model = model;
+  options.model = model.cast<std::string>();
   options.threads = workers_from(threads);
   const deconv::Image blurred = to_image(image, "the picture", false, true);
   deconv::PsfEstimate estimate;
@@ -190,39 +246,66 @@ PYBIND11_MODULE(deconv, m) {
 in the frequency domain: the library deconv-restore is made on.
 
 Pictures are numpy arrays of shape (height, width) or (height, width,
-channels), of any numeric type. Integers are read as their type's range:
-uint8 divided by 255, uint16 by 65535, other unsigned types by their largest
-value, signed types by their largest positive value, bool as 0 and 1. Floats
-are taken as they are (0..1 being the full range). Results are float32 arrays
-of the input's shape, not clamped: multiply by 255 and clip to save 8 bits.
+channels), of any numeric type. Integers of 8 and 16 bits are read as their
+type's range, as the picture files are: uint8 divided by 255, uint16 by
+65535, int8 by 127, int16 by 32767, bool as 0 and 1. Integers wider than 16
+bits (int32, int64, uint32, uint64) are counts, taken as they are: int64
+0..1000 restores to about 0..1000. Floats are taken as they are (0..1 being
+the full range of a picture file). Results are float32 arrays of the input's
+shape and scale, not clamped: multiply by 255 and clip to save 8 bits. A PSF
+may also be given in draw_psf()'s words ("gaussian:2").
 
 Every function may be called from several threads at once; each call has
-threads of its own and releases the GIL while it works. Failures raise
-deconv.Error, a ValueError, with the library's message.
+threads of its own and releases the GIL while it works. Failures, wrong
+argument types included, raise deconv.Error (both a ValueError and a
+TypeError) with a one-line message.
 
     >>> import deconv, numpy
     >>> psf = deconv.draw_psf("motion:15,20")
     >>> sharp = deconv.restore(blurred, psf)              # doctest: +SKIP
 )";
 
-  py::register_exception<deconv::Error>(m, "Error", PyExc_ValueError)
-      .doc() = "What the library refused: a bad picture, PSF, strength or description. A ValueError.";
+  // Both a ValueError and a TypeError: a caller who catches either for a bad
+  // argument catches it, and one except clause catches all the module's refusals.
+  static py::object error = py::module_::import("builtins").attr("type")(
+      "Error", py::make_tuple(py::handle(PyExc_ValueError), py::handle(PyExc_TypeError)),
+      py::dict(py::arg("__module__") = "deconv",
+               py::arg("__doc__") = "What the module refused: a bad picture, PSF, argument or description, in one "
+                                    "line. Both a ValueError and a TypeError."));
+  m.attr("Error") = error;
+  py::register_exception_translator([](std::exception_ptr raised) {
+    try {
+      if (raised) std::rethrow_exception(raised);
+    } catch (const deconv::Error& e) {
+      PyErr_SetString(error.ptr(), e.what());
+    }
+  });
 
   m.def("restore", &restore, py::arg("image"), py::arg("psf"), py::arg("strength") = "auto", py::arg("align") = true,
-        py::arg("workers") = py::none(), py::arg("exact") = false,
+        py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
+        py::arg("subtract_psf_background") = false, py::arg("exact") = false,
         R"(Restores a blurred picture whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type; every channel
           (alpha included) is restored.
 psf       the blur: a 2-D array (or the first channel of a 3-D one) of any
-          size and scale. Only its proportions count; it is centred on its
-          first moment.
+          size and scale, no larger than the picture; only its proportions
+          count, and it is centred on its first moment. Or draw_psf()'s
+          words for it: "gaussian:2", "motion:15,20", "disk:3", "box:5,3".
 strength  regularisation in tenths of lambda, 0 to 200 (10 is lambda = 1),
           or "auto" to let choose_strength() pick it for the picture.
 align     True moves the result back onto the picture; False keeps it one
           pixel toward +x and +y, as the deconv command writes it.
 workers   worker threads; None takes the machine's cores. The result is
           the same to the bit for any number of workers.
+compressed  True for a picture that was saved as JPEG: an "auto" strength
+          is then a quarter higher, as deconv-restore chooses for a JPEG.
+repair_nonfinite  True replaces samples that are NaN or infinite by the
+          median of their neighbours (with a UserWarning saying how many);
+          False refuses such a picture.
+subtract_psf_background  True takes the floor of the PSF's border off a
+          PSF that stands on a background (a star or bead cut from a picture
+          with its sky), with a UserWarning; False refuses such a PSF.
 exact     True restores on the deconv command's own engine, for its very
           numbers (with align=False, and integers as 8-bit samples); False,
           the default, on the second engine, which agrees with it to float
@@ -230,8 +313,10 @@ exact     True restores on the deconv command's own engine, for its very
           and memory.
 
 Returns a float32 array of image's shape, on image's scale (0..1 for
-integer types), not clamped. Raises deconv.Error for an empty picture or PSF,
-a PSF of no weight, or (exact=True) a picture too small for the PSF.
+integer types of 8 and 16 bits), not clamped. Raises deconv.Error for an
+empty picture or PSF, a PSF of no weight, larger than the picture or on a
+background, samples that are not finite, or (exact=True) a picture too small
+for the PSF.
 
     >>> psf = deconv.draw_psf("gaussian:2")
     >>> sharp = deconv.restore(photo, psf, strength=30)   # doctest: +SKIP
@@ -242,7 +327,9 @@ a PSF of no weight, or (exact=True) a picture too small for the PSF.
 with psf, by generalised cross-validation of the restoration's own filter:
 what restore(image, psf, strength="auto") uses, and what the
 deconv-strength command prints. compressed=True for a picture that was
-saved as JPEG: the strength is a quarter higher.
+saved as JPEG: the strength is a quarter higher. psf as restore() takes it.
+Raises deconv.Error for what it cannot judge: what restore() refuses, and a
+picture whose samples are all the same.
 
     >>> deconv.choose_strength(photo, deconv.draw_psf("disk:3"))  # doctest: +SKIP
     24
@@ -254,7 +341,7 @@ its middle pixel at the blur's centre, the largest tap 1.
 
 description  "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees
              counter-clockwise from +x), "disk:RADIUS" or "box:W,H";
-             lengths in pixels.
+             lengths in pixels, the PSF no wider than 2001 pixels.
 
     >>> deconv.draw_psf("box:3,1")[2]
     array([0., 1., 1., 1., 0.], dtype=float32)

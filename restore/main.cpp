@@ -5,27 +5,51 @@
 // by its file's range, and the result is written under a temporary name and
 // renamed when complete. Statuses: 0 restored, 1 bad command line, 11 a
 // picture that cannot be read, written or restored.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include <unistd.h>
+
 #include "picture/picture_file.h"
 #include "restore/options.h"
+#include "restore/sharpness.h"
 
 namespace {
+
+// The first plane with its largest sample 1, as deconv-estimate writes a PSF.
+deconv::Image peak_at_one(const deconv::Image& psf) {
+  deconv::Image plane(psf.width, psf.height, 1);
+  std::copy(psf.pixels.begin(), psf.pixels.begin() + plane.pixels.size(), plane.pixels.begin());
+  const float peak = *std::max_element(plane.pixels.begin(), plane.pixels.end());
+  if (peak > 0)
+    for (float& v : plane.pixels) v /= peak;
+  return plane;
+}
 
 int fail(const std::string& message) {
   std::fprintf(stderr, "deconv-restore: %s\n", message.c_str());
   return 11;
 }
 
+void warn(const std::string& message) { std::fprintf(stderr, "deconv-restore: warning: %s\n", message.c_str()); }
+
 // The PSF of --psf: estimated from the picture, drawn, or a file whose
 // samples count only as proportions.
-deconv::Image load_psf(const std::string& psf, const deconv::Image& picture, const std::string& input) {
+deconv::Image load_psf(const RestoreCommand& command, const deconv::Image& picture) {
+  const std::string& psf = command.psf;
+  const std::string& input = command.input;
   if (psf == "auto") {
+    deconv::EstimateOptions estimation;
+    if (command.progress == 1 || (command.progress < 0 && isatty(2)))
+      estimation.progress = [&input](const std::string& stage, double scale) {
+        std::fprintf(stderr, "deconv-restore: %s: estimating the blur: %s at scale %.3g\n", input.c_str(),
+                     stage.c_str(), scale);
+      };
     try {
-      return deconv::estimate_psf(picture).psf;
+      return deconv::estimate_psf(picture, estimation).psf;
     } catch (const deconv::Error& e) {
       throw deconv::Error(input + ": cannot estimate the blur: " + e.what());
     }
@@ -43,7 +67,7 @@ int main(int argc, char** argv) {
   try {
     require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
-    const deconv::Image psf = load_psf(command.psf, picture.image, command.input);
+    const deconv::Image psf = load_psf(command, picture.image);
     deconv::RestoreOptions options;
     options.strength = command.strength;
     options.workers = command.workers;
@@ -51,14 +75,28 @@ int main(int argc, char** argv) {
     options.exact = command.exact;
     options.clamp = false;
     options.compressed = picture.compressed;
+    options.repair_nonfinite = command.repair_nonfinite;
+    options.subtract_psf_background = command.subtract_psf_background;
+    options.notice = [&command](const std::string& message) { warn(command.input + ": " + message); };
+    // Away from the band that the edge taper changes, about a PSF wide.
+    const int margin = std::max(psf.width, psf.height);
+    const double before = gradient_energy(picture.image, margin);
     deconv::Image result;
     try {
       result = deconv::restore(std::move(picture.image), psf, options);
     } catch (const deconv::Error& e) {
       return fail(command.input + ": cannot restore: " + e.what());
     }
+    // Only once restored: a refusal leaves no file behind.
+    if (!command.save_psf.empty()) write_picture(command.save_psf, peak_at_one(psf), SampleDepth::u16);
     const SampleDepth depth = command.depth_given ? command.depth : picture.depth;
     write_picture(command.output, result, depth, &picture, &picture.alpha);
+    const double gain = gradient_energy(result, margin) / before;
+    if (!(gain >= least_sharpening)) {
+      char ratio[32];
+      std::snprintf(ratio, sizeof ratio, "%.2f", gain);
+      warn(command.input + ": the result is no sharper than the picture (its gradients' energy x" + ratio + ")");
+    }
     return 0;
   } catch (const deconv::Error& e) {
     return fail(e.what());

@@ -21,12 +21,21 @@ const char* const help =
     "  --workers N                 worker threads (default: the machine's cores)\n"
     "  --depth 8|16|float          the result's samples (default: the input's)\n"
     "  --no-align                  keep the restoration one pixel off, as deconv does\n"
+    "  --save-psf FILE             keep the PSF used (16 bits, largest tap white)\n"
+    "  --repair-nonfinite          replace NaN and infinite samples by their\n"
+    "                              neighbours' median (default: refuse them)\n"
+    "  --subtract-psf-background   take the border's median off a PSF on a\n"
+    "                              background (default: refuse it)\n"
+    "  --progress, --quiet         the estimation's progress on stderr always, or\n"
+    "                              never (default: when stderr is a terminal)\n"
     "  --exact                     restore on deconv's own engine: with --depth 8\n"
     "                              --no-align, deconv's very pixels (slower)\n"
     "  --help, --version\n"
     "\n"
     "Exit status: 0 restored, 1 bad command line, 11 a picture that cannot be\n"
-    "read, written or restored.\n";
+    "read, written or restored. A result no sharper than its picture is written\n"
+    "with a line on stderr that starts \"deconv-restore: warning:\" and says\n"
+    "\"no sharper\".\n";
 
 int refuse(const std::string& message) {
   std::fprintf(stderr, "deconv-restore: %s (see deconv-restore --help)\n", message.c_str());
@@ -65,6 +74,12 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       command.exact = true;
       continue;
     }
+    if (arg == "--repair-nonfinite" || arg == "--subtract-psf-background" || arg == "--progress" || arg == "--quiet") {
+      if (arg == "--repair-nonfinite") command.repair_nonfinite = true;
+      if (arg == "--subtract-psf-background") command.subtract_psf_background = true;
+      if (arg == "--progress" || arg == "--quiet") command.progress = arg == "--progress";
+      continue;
+    }
     if (arg == "--") {
       for (++i; i < argc; ++i) positional.push_back(argv[i]);
       break;
@@ -72,7 +87,7 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
     if (arg.size() > 1 && arg[0] == '-') {
       const size_t equals = arg.find('=');
       const std::string name = arg.substr(0, equals);
-      if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth")
+      if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--save-psf")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -83,6 +98,8 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
         return refuse(name + " needs a value");
       if (name == "--psf") {
         command.psf = value;
+      } else if (name == "--save-psf") {
+        command.save_psf = value;
       } else if (name == "--strength") {
         if (value == "auto")
           command.strength = -1;

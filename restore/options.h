@@ -15,6 +15,10 @@ struct RestoreCommand {
   bool exact = false;  // deconv's own engine
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
+  std::string save_psf;  // where to keep the PSF used; empty: nowhere
+  bool repair_nonfinite = false, subtract_psf_background = false;
+  // Progress of --psf auto on stderr: -1 only on a terminal, 0 never, 1 always.
+  int progress = -1;
 };
 
 // Reads argv into `command`. Returns -1 when the command is to run; otherwise

@@ -257,6 +257,26 @@ case_estimated_psf() {
   cmp -s out/estimated.ppm expected.ppm || fail "differs from deconv with deconv-estimate's PSF"
 }
 
+# --save-psf: the PSF each picture was restored with, drawn or estimated,
+# kept under its output's name as deconv-restore keeps it; a result no sharper than its picture (a sharp
+# picture, a blur far smaller than its own, the strongest regularisation) is
+# restored, counted in the summary and named.
+case_kept_psf() {
+  [ -x "$build/deconv-restore" ] || exit 77
+  make_pictures 1
+  convert "$data/astronaut.png" -crop 200x200+150+40 +repage -blur 0x1.5 blurred.png
+  convert "$data/astronaut.png" -crop 120x120+150+40 +repage sharp.png
+  printf 'blurred.png\tauto\tout/estimated.png\npic-1.png\tgaussian:1.5\tout/drawn.ppm\nsharp.png\tgaussian:0.3\tout/sharp.png\n' >manifest
+  batch --restore -w 1 -s 200 --save-psf kept manifest
+  [ $status = 0 ] || fail "status $status: $(cat err)"
+  grep -q "^deconv-batch: 3 restored, 0 failed, 1 no sharper" err &&
+    grep -q "^deconv-batch: line 3: restored, but no sharper than its picture" err || fail "$(cat err)"
+  "$build/deconv-restore" --workers 1 --strength 200 --psf auto --save-psf expected-estimated.png blurred.png expected.png
+  "$build/deconv-restore" --workers 1 --strength 200 --psf gaussian:1.5 --save-psf expected-drawn.png pic-1.png expected.png
+  cmp -s kept/estimated.png expected-estimated.png && cmp -s kept/drawn.png expected-drawn.png ||
+    fail "the kept PSFs differ from deconv-restore's: $(ls kept)"
+}
+
 case_command_line() {
   make_pictures 1
   for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "-s automatic manifest" "--sideways manifest" \

@@ -72,14 +72,59 @@ deconv::Image grey(int w, int h, float value, float noise) {
   return img;
 }
 
+deconv::Image with_nan(deconv::Image img, int x, int y) {
+  img.at(x, y) = NAN;
+  return img;
+}
+
 TEST(Refusals, SayWhy) {
   const std::pair<deconv::Image, const char*> cases[] = {
       {to_image(blurred_case("camera.png", Kind::motion, 0, 1).blurred.get_crop(0, 0, 99, 99), 1.0f / 255), "too small"},
       {grey(300, 300, 0.5f, 0.002f), "too flat"},
       {to_image(blurred_case("camera.png", Kind::disk, 0.08, 1).blurred, 1.0f / 255), "too noisy"},
-      {deconv::Image(), "empty"}};
+      {deconv::Image(), "empty"},
+      {with_nan(grey(300, 300, 0.5f, 0.01f), 7, 9), "1 samples that are not finite (NaN or infinite), the first at x 7, y 9"}};
   for (const auto& c : cases)
     EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(c.first); }), ::testing::HasSubstr(c.second));
+}
+
+// A plane that uses a small part of its type's range, as a faint 16-bit
+// detector's does, is judged by its own spread: estimated as the same plane
+// stretched over the range, not refused as flat. Offset and scale are
+// 2000 + 720 x of 65535, a plane of 2000 to 2720 counts.
+TEST(Refusals, AFaintPlaneIsJudgedByItsOwnSpread) {
+  const Case c = blurred_case("camera.png", Kind::motion, 0.005, 5);
+  deconv::Image faint = to_image(c.blurred, 1.0f / 255), stretched = faint;
+  for (float& v : faint.pixels) v = std::round(2000 + 720 * v) / 65535;
+  for (size_t i = 0; i < faint.pixels.size(); ++i) stretched.pixels[i] = (faint.pixels[i] * 65535 - 2000) / 720;
+  const deconv::PsfEstimate from_faint = deconv::estimate_psf(faint), from_stretched = deconv::estimate_psf(stretched);
+  const double faint_similarity = shape_similarity(from_faint.psf, c.blur.psf);
+  EXPECT_GE(faint_similarity, 0.65);
+  EXPECT_NEAR(faint_similarity, shape_similarity(from_stretched.psf, c.blur.psf), 0.1);
+  // Faint and noisy stays refused: the same plane under noise of a fifth of its spread.
+  std::mt19937 rng(3);
+  std::normal_distribution<float> noise(0, 0.2f * 720 / 65535);
+  for (float& v : faint.pixels) v += noise(rng);
+  EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(faint); }), ::testing::HasSubstr("too noisy"));
+}
+
+// Progress: every scale of the pyramid from the coarsest to the picture's own,
+// then the refinement and the check, in that order.
+TEST(Progress, EveryStageAndScaleInOrder) {
+  const Case c = blurred_case("camera.png", Kind::motion, 0, 5);
+  std::vector<std::pair<std::string, double>> told;
+  deconv::EstimateOptions options;
+  options.progress = [&](const std::string& stage, double scale) { told.emplace_back(stage, scale); };
+  deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
+  ASSERT_GE(told.size(), 4u);
+  const size_t scales = told.size() - 2;
+  for (size_t i = 0; i < scales; ++i) {
+    EXPECT_EQ(told[i].first, "coarse to fine");
+    if (i) EXPECT_GT(told[i].second, told[i - 1].second);
+  }
+  EXPECT_EQ(told[scales - 1].second, 1.0);
+  EXPECT_EQ(told[scales], std::make_pair(std::string("refining"), 1.0));
+  EXPECT_EQ(told[scales + 1], std::make_pair(std::string("checking"), 1.0));
 }
 
 // The command: statuses, the line it prints, the file it writes or leaves alone.
@@ -121,6 +166,10 @@ TEST(Command, StatusesAndFiles) {
     EXPECT_FALSE(std::ifstream(dir / "out.png").good()) << f.args;
   }
   EXPECT_THAT(run(dir, "--help"), ::testing::Pair(0, ::testing::HasSubstr("--region X,Y,W,H")));
+  // Progress on stderr only when asked: the command's stderr is not a terminal here.
+  EXPECT_THAT(run(dir, "--progress blurred.pgm psf.png"),
+              ::testing::Pair(0, ::testing::HasSubstr("deconv-estimate: blurred.pgm: refining at scale 1\n")));
+  EXPECT_THAT(run(dir, "blurred.pgm psf.png"), ::testing::Pair(0, ::testing::StartsWith("kernel ")));
 }
 
 // A sample of the evaluation, on its pictures of 800 pixels: a restoration

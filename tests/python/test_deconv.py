@@ -74,6 +74,12 @@ class Reading(unittest.TestCase):
             "channels last of a transpose": (unit.transpose(1, 0, 2), np.ascontiguousarray(unit.transpose(1, 0, 2))),
             "one channel of three dimensions": (unit[..., :1], unit[..., :1]),
         }
+        counts = np.round(unit * 1000)
+        cases.update({
+            "int64 as counts": (counts.astype(np.int64), counts),
+            "int32 as counts, negatives too": ((counts - 500).astype(np.int32), counts - 500),
+            "uint32 as counts": (counts.astype(np.uint32), counts),
+        })
         for name, (given, same) in cases.items():
             with self.subTest(name):
                 result = deconv.restore(given, psf, strength=10, workers=1)
@@ -82,6 +88,24 @@ class Reading(unittest.TestCase):
         coloured = np.stack([psf, np.ones_like(psf), np.zeros_like(psf)], axis=2).astype(np.float64)
         np.testing.assert_array_equal(deconv.restore(unit, coloured, strength=10, workers=1),
                                       deconv.restore(unit, psf, strength=10, workers=1))
+
+    def test_counts_come_back_on_their_scale(self):
+        counts = np.round(picture((48, 64), seed=3) * 1000).astype(np.int64)
+        result = deconv.restore(counts, "gaussian:1", strength=10, workers=1)
+        self.assertAlmostEqual(result[8:-8, 8:-8].mean() / counts[8:-8, 8:-8].mean(), 1, delta=0.02)
+
+    def test_text_psfs_and_compressed_as_the_command_takes_them(self):
+        blurred = (picture((64, 64, 3), seed=1) * 255).astype(np.uint8)  # chooses 52, or 65 as a JPEG
+        for text in ["gaussian:2", "motion:9,30", "disk:3", "box:5,3"]:
+            with self.subTest(text):
+                np.testing.assert_array_equal(deconv.restore(blurred, text, strength=10, workers=1),
+                                              deconv.restore(blurred, deconv.draw_psf(text), strength=10, workers=1))
+        psf = deconv.draw_psf("motion:9,30")
+        jpeg = deconv.choose_strength(blurred, psf, compressed=True)
+        self.assertGreater(jpeg, deconv.choose_strength(blurred, psf))
+        self.assertEqual(deconv.choose_strength(blurred, "motion:9,30", compressed=True), jpeg)
+        np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1),
+                                      deconv.restore(blurred, psf, strength=jpeg, workers=1))
 
     def test_auto_strength_is_the_chosen_one(self):
         blurred = (picture((48, 48, 3), seed=4) * 255).astype(np.uint8)
@@ -117,6 +141,40 @@ class Estimation(unittest.TestCase):
             deconv.estimate_psf(np.full((200, 200), 0.5, np.float32))
 
 
+class Checks(unittest.TestCase):
+    """What the library refuses or repairs, from Python: samples that are not
+    finite, a PSF larger than the picture or on a background."""
+
+    def test_nonfinite_samples_refused_or_repaired_with_a_warning(self):
+        blurred = picture((40, 56, 3), seed=2).astype(np.float32)
+        for value in [np.nan, np.inf, -np.inf]:
+            with self.subTest(value=value):
+                holed = blurred.copy()
+                holed[5, 7, 1] = holed[30, 2, 0] = value
+                with self.assertRaises(deconv.Error) as raised:
+                    deconv.restore(holed, "disk:2", strength=10)
+                self.assertIn("2 samples that are not finite (NaN or infinite), the first at x 2, y 30, channel 0",
+                              str(raised.exception))
+                with self.assertWarnsRegex(UserWarning, "replaced 2 samples"):
+                    repaired = deconv.restore(holed, "disk:2", strength=10, repair_nonfinite=True)
+                self.assertTrue(np.isfinite(repaired).all())
+
+    def test_psf_larger_or_on_a_background(self):
+        blurred = picture((60, 80)).astype(np.float32)
+        star = np.pad(deconv.draw_psf("gaussian:2"), 9) + 0.02
+        cases = [(lambda: deconv.restore(blurred, "box:61,3"), "the PSF (63 x 63) is larger than the picture (80 x 60)"),
+                 (lambda: deconv.restore(blurred, star, strength=10), "stands on a background"),
+                 (lambda: deconv.choose_strength(blurred, star), "stands on a background"),
+                 (lambda: deconv.draw_psf("gaussian:1e9"), "wider than 2001 pixels")]
+        for call, words in cases:
+            with self.subTest(words):
+                with self.assertRaises(deconv.Error) as raised:
+                    call()
+                self.assertIn(words, str(raised.exception))
+        with self.assertWarnsRegex(UserWarning, "background"):
+            self.assertEqual(deconv.restore(blurred, star, strength=10, subtract_psf_background=True).shape, blurred.shape)
+
+
 class Errors(unittest.TestCase):
     def test_refusals_carry_the_message(self):
         blurred = np.full((32, 32), 0.5, np.float32)
@@ -128,8 +186,8 @@ class Errors(unittest.TestCase):
             (lambda: deconv.restore(blurred, psf, workers=0), deconv.Error, "workers"),
             (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not 4-D"),
             (lambda: deconv.restore(blurred.astype(complex), psf), TypeError, "complex128"),
-            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25"), exact=True), deconv.Error,
-             "too small"),
+            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25"), strength=10, exact=True),
+             deconv.Error, "too small"),
             (lambda: deconv.draw_psf("blob:1"), deconv.Error, "unknown kind 'blob'"),
         ]
         for call, kind, words in cases:
@@ -138,6 +196,32 @@ class Errors(unittest.TestCase):
                     call()
                 self.assertIn(words, str(raised.exception))
         self.assertTrue(issubclass(deconv.Error, ValueError))
+
+    def test_wrong_types_give_one_line(self):
+        """Never pybind11's list of signatures with the arguments' reprs: an
+        array's runs to hundreds of lines."""
+        big = np.random.default_rng(1).random((300, 300)).astype(np.float32)
+        psf = deconv.draw_psf("disk:2")
+        cases = [
+            (lambda: deconv.restore({"a": 1}, psf), "the picture must be a numpy array, not dict"),
+            (lambda: deconv.restore(big, psf, align=big), "align must be True or False, not an array"),
+            (lambda: deconv.restore(big, psf, compressed="yes"), "compressed must be True or False"),
+            (lambda: deconv.restore(big, psf, workers=2.5), "workers must be a whole number"),
+            (lambda: deconv.restore(big, 3.0), "the PSF must be a numpy array, not float"),
+            (lambda: deconv.restore(big, psf, strength=big), "strength must be a whole number"),
+            (lambda: deconv.choose_strength(big, psf, compressed=big), "compressed must be True or False"),
+            (lambda: deconv.draw_psf(big), "draw_psf takes a description"),
+            (lambda: deconv.estimate_psf(big, max_size="big"), "max_size must be a whole number"),
+            (lambda: deconv.estimate_psf(big, region=big), "region must be (x, y, width, height)"),
+        ]
+        for call, words in cases:
+            with self.subTest(words):
+                with self.assertRaises(deconv.Error) as raised:
+                    call()
+                self.assertIn(words, str(raised.exception))
+                self.assertNotIn("\n", str(raised.exception))
+                self.assertLess(len(str(raised.exception)), 200)
+        self.assertTrue(issubclass(deconv.Error, TypeError))
 
 
 if __name__ == "__main__":

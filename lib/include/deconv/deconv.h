@@ -11,6 +11,7 @@
 #ifndef DECONV_DECONV_H
 #define DECONV_DECONV_H
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -60,6 +61,21 @@ struct RestoreOptions {
   // same bits for any number of workers. The strength, where it is chosen,
   // is chosen alike for both.
   bool exact = false;
+
+  // Samples of the picture that are not finite (NaN, infinite) are refused,
+  // naming their count and the first one; with repair_nonfinite each is
+  // replaced by the median of the finite samples around it, and `notice` is
+  // told how many were.
+  bool repair_nonfinite = false;
+  // A PSF that stands on a background (a bead or star cut from a picture with
+  // its sky: the lower quartile of its border, laid under all its taps, more
+  // than 5 % of its weight, yet at most a fifth of its peak) is refused; with
+  // subtract_psf_background that quartile is taken off every tap (negatives
+  // become 0), and `notice` is told.
+  bool subtract_psf_background = false;
+  // Told, in one line each, what the restoration changed in its input. The
+  // library never prints; a command prints these as warnings.
+  std::function<void(const std::string& message)> notice;
 };
 
 // Restores `blurred` with the blur `psf` (one plane of any size and scale: it
@@ -67,8 +83,10 @@ struct RestoreOptions {
 // blurred's size and channels. With exact on, align and clamp off, and the
 // picture's samples divided by 255, the planes are those deconv computes
 // before it clamps and saves. Throws Error for an empty picture or PSF, a PSF
-// of no weight or one that is not finite, a strength above 200, or (exact) a
-// picture too small for the PSF's edge taper.
+// of no weight or one that is not finite, a strength above 200, (exact) a
+// picture too small for the PSF's edge taper, a PSF larger than the picture
+// in either dimension, a picture with samples that are not finite and a PSF
+// on a background (unless the options repair them).
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options = RestoreOptions());
 
 // The same, taking the picture's planes over: its memory is given back
@@ -79,14 +97,16 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options =
 // best with `psf`, by generalised cross-validation of the restoration's own
 // filter. The same number deconv-strength prints. `compressed`: the picture
 // was saved as JPEG, whose quantisation hides much of its grain from the
-// choice; the strength is then a quarter higher.
+// choice; the strength is then a quarter higher. Throws Error for what it
+// cannot judge: the pictures restore() refuses, and a picture without any
+// variation.
 int choose_strength(const Image& blurred, const Image& psf, bool compressed = false);
 
 // The PSF of a common blur, as deconv-psf draws it: a square of odd side, its
 // middle pixel at the blur's centre, the largest tap 1. `description` is one
 // of "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees counter-clockwise from
 // +x), "disk:RADIUS", "box:W,H"; lengths in pixels. Throws Error for anything
-// else, naming what was wrong.
+// else, naming what was wrong, and for a PSF wider than 2001 pixels.
 Image draw_psf(const std::string& description);
 
 struct EstimateOptions {
@@ -100,6 +120,11 @@ struct EstimateOptions {
   // picture and drawn as draw_psf() draws it.
   std::string model = "kernel";
   int threads = 0;  // 0: the machine's cores
+  // Told as each stage and scale begins: the stage ("coarse to fine",
+  // "refining", "fitting", "checking") and the scale of the picture it works
+  // on (1 is full size), about ten calls an estimate. Called on the caller's
+  // thread.
+  std::function<void(const std::string& stage, double scale)> progress;
 };
 
 struct PsfEstimate {
@@ -112,7 +137,8 @@ struct PsfEstimate {
 // Estimates the blur of `blurred` (0..1 planes, grey or colour) from the
 // picture alone, by coarse-to-fine maximum a posteriori estimation on its
 // luminance. Throws Error with the reason where the picture is too small, too
-// flat or too noisy for an estimate to be trusted.
+// flat or too noisy for an estimate to be trusted, "flat" and "noisy" being
+// measured against the picture's own robust spread of values, not 0..1.
 PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options = EstimateOptions());
 
 }  // namespace deconv

@@ -1,0 +1,140 @@
+// deconv-restore on input it must refuse or repair, the PSF it keeps, and its
+// warning of a result no sharper than its picture: one line each, naming the
+// file, and nothing written on a refusal.
+#include <gmock/gmock.h>
+
+#include <cmath>
+
+#include "bench/estimate_cases.h"
+#include "picture/picture_file.h"
+#include "tests/support.h"
+
+namespace {
+
+using ::testing::HasSubstr;
+
+deconv::Image camera(int w, int h) {
+  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 100, 60, w, h, true);
+}
+
+deconv::Image blurred_camera(int w, int h, const char* blur) {
+  deconv::Image sharp = camera(w, h);
+  const deconv::Image psf = deconv::draw_psf(blur);
+  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
+  const CImg<float> out = CImg<float>(sharp.pixels.data(), w, h).convolve(kernel / kernel.sum(), 3);
+  std::copy(out.begin(), out.end(), sharp.pixels.begin());
+  return sharp;
+}
+
+class Refusals : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    deconv::Image holed = camera(120, 100);
+    holed.at(30, 20) = NAN;
+    write_picture(dir / "holed.exr", holed, SampleDepth::f32);
+    write_picture(dir / "wide.png", camera(300, 200), SampleDepth::u8);
+    write_picture(dir / "sharp.png", camera(160, 160), SampleDepth::u8);
+    write_picture(dir / "blurred.png", blurred_camera(200, 200, "gaussian:2"), SampleDepth::u8);
+    // A star cut with its sky at 0.02 of its peak.
+    const deconv::Image star = deconv::draw_psf("gaussian:2");
+    deconv::Image sky(31, 31, 1);
+    for (int y = 0; y < 31; ++y)
+      for (int x = 0; x < 31; ++x) {
+        const int sx = x - (31 - star.width) / 2, sy = y - (31 - star.height) / 2;
+        sky.at(x, y) = 0.02f + (sx >= 0 && sy >= 0 && sx < star.width && sy < star.height ? star.at(sx, sy) : 0.0f);
+      }
+    write_picture(dir / "star.exr", sky, SampleDepth::f32);
+  }
+  std::pair<int, std::string> run(const std::string& args) const {
+    return shell("cd '" + dir.path + "' && " DECONV_RESTORE_BINARY " " + args + " </dev/null");
+  }
+  bool written(const std::string& name) const { return std::ifstream(dir / name).good(); }
+  TempDir dir;
+};
+
+TEST_F(Refusals, OneLineNamingTheFileAndNothingWritten) {
+  const struct {
+    const char* args;
+    int status;
+    const char* says;  // the only line on stderr
+  } cases[] = {
+      {"--psf disk:2 --save-psf kept.png holed.exr out.exr", 11,
+       "deconv-restore: holed.exr: cannot restore: the picture holds 1 samples that are not finite (NaN or infinite), "
+       "the first at x 30, y 20, channel 0"},
+      {"--psf box:301,301 wide.png out.png", 11,
+       "deconv-restore: wide.png: cannot restore: the PSF (303 x 303) is larger than the picture (300 x 200)"},
+      {"--psf star.exr sharp.png out.png", 11,
+       "deconv-restore: sharp.png: cannot restore: the PSF stands on a background"},
+      {"--psf disk:2 --strength auto holed.exr out.exr", 11,
+       "deconv-restore: holed.exr: cannot restore: the picture holds 1"},
+  };
+  for (const auto& c : cases) {
+    const auto [status, text] = run(c.args);
+    EXPECT_EQ(status, c.status) << c.args;
+    EXPECT_EQ(text.rfind(c.says, 0), 0u) << c.args << ": " << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << c.args << ": " << text;
+    EXPECT_FALSE(written("out.exr") || written("out.png") || written("kept.png")) << c.args;
+  }
+}
+
+// Repaired on request: written, finite, with one warning line saying what was done.
+TEST_F(Refusals, RepairsOnRequestWithAWarning) {
+  const struct {
+    const char* args;
+    const char* warns;
+  } cases[] = {
+      {"--repair-nonfinite --psf disk:2 holed.exr out.exr",
+       "deconv-restore: warning: holed.exr: replaced 1 samples that are not finite (NaN or infinite)"},
+      {"--subtract-psf-background --psf star.exr --depth float sharp.png out.exr",
+       "deconv-restore: warning: sharp.png: took the PSF's background (0.0196 of its peak) off its taps"},
+  };
+  for (const auto& c : cases) {
+    const auto [status, text] = run(c.args);
+    EXPECT_EQ(status, 0) << c.args << ": " << text;
+    EXPECT_EQ(text.rfind(c.warns, 0), 0u) << c.args << ": " << text;
+    const deconv::Image out = read_picture(dir / "out.exr").image;
+    EXPECT_TRUE(std::all_of(out.pixels.begin(), out.pixels.end(), [](float v) { return std::isfinite(v); })) << c.args;
+    std::remove((dir / "out.exr").c_str());
+  }
+}
+
+// --save-psf keeps the PSF the restoration used, drawn or estimated, with its
+// largest tap white in 16 bits.
+TEST_F(Refusals, SavePsfKeepsThePsfUsed) {
+  ASSERT_EQ(run("--psf gaussian:2 --save-psf kept.png blurred.png out.png").first, 0);
+  const deconv::Image drawn = deconv::draw_psf("gaussian:2"), kept = read_picture(dir / "kept.png").image;
+  ASSERT_EQ(kept.width, drawn.width);
+  // 16-bit files are written truncated, as deconv writes: within one step.
+  for (size_t i = 0; i < drawn.pixels.size(); ++i) EXPECT_NEAR(kept.pixels[i], drawn.pixels[i], 1.0 / 65535) << i;
+
+  const auto [status, text] = run("--psf auto --quiet --save-psf estimated.png blurred.png out.png");
+  ASSERT_EQ(status, 0) << text;
+  const deconv::Image estimated = deconv::estimate_psf(read_picture(dir / "blurred.png").image).psf;
+  const deconv::Image saved = read_picture(dir / "estimated.png").image;
+  ASSERT_EQ(saved.width, estimated.width);
+  for (size_t i = 0; i < estimated.pixels.size(); ++i) EXPECT_NEAR(saved.pixels[i], estimated.pixels[i], 1.0 / 65535);
+}
+
+// A restoration that leaves the picture's gradients as they were (a blur far
+// smaller than the picture's, at the strongest regularisation) is written
+// with a warning; one that undoes the blur is silent.
+TEST_F(Refusals, WarnsOfAResultNoSharperThanItsPicture) {
+  const auto [status, text] = run("--psf gaussian:0.3 --strength 200 sharp.png out.png");
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(text, ::testing::MatchesRegex("deconv-restore: warning: sharp.png: the result is no sharper than the "
+                                            "picture \\(its gradients' energy x0\\.[0-9]+\\)\n"));
+  EXPECT_TRUE(written("out.png"));
+  EXPECT_EQ(run("--psf gaussian:2 --strength 10 blurred.png out.png"), std::make_pair(0, std::string()));
+}
+
+// The estimation's progress: each stage on stderr with --progress, nothing
+// when stderr is not a terminal.
+TEST_F(Refusals, ProgressOnlyWhenAsked) {
+  const auto [status, text] = run("--psf auto --progress blurred.png out.png");
+  EXPECT_EQ(status, 0);
+  EXPECT_THAT(text, HasSubstr("deconv-restore: blurred.png: estimating the blur: coarse to fine at scale 1\n"));
+  EXPECT_THAT(text, HasSubstr("deconv-restore: blurred.png: estimating the blur: refining at scale 1\n"));
+  EXPECT_EQ(run("--psf auto blurred.png out.png"), std::make_pair(0, std::string()));
+}
+
+}  // namespace
