@@ -132,6 +132,8 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
 
 PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   using namespace estimation;
+  if (blurred.depth != 1)
+    throw Error("the blur is estimated from a picture, not a stack of " + std::to_string(blurred.depth) + " planes");
   if (blurred.width <= 0 || blurred.height <= 0 || blurred.channels <= 0 ||
       blurred.pixels.size() != (size_t)blurred.width * blurred.height * blurred.channels)
     throw Error("the picture is empty");

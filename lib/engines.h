@@ -20,6 +20,13 @@ Image restore_exact(Image&& blurred, const Image& kernel, int strength, int work
 Image restore_fast(const Image& blurred, const Image& kernel, int strength, int workers);
 int choose_strength_fast(const Image& blurred, const Image& kernel, int workers);
 
+// Richardson-Lucy on the second engine: with a 3-D PSF the stack as a volume,
+// else every plane with the PSF's first. `psf` is normalised here (its
+// negative taps taken as 0). Returns the iterations the first plane or volume
+// ran.
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, int workers,
+                              int* iterations_run = nullptr);
+
 }  // namespace libdeconv
 
 #endif

@@ -4,6 +4,7 @@
 #include <stdexcept>
 
 #include "fast/problem.h"
+#include "fast/richardson_lucy.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
 #include "strength/weigh.h"
@@ -48,6 +49,38 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, const int wo
   Workers pool(workers);
   const Problem problem(placed_psf(kernel, blurred), pool);
   return weigh_picture(problem, blurred.pixels.data(), blurred.channels, pool).strength();
+}
+
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int iterations, const float background,
+                              const int workers, int* const iterations_run) {
+  const bool volume = psf.depth > 1;
+  if (volume && psf.depth > blurred.depth)
+    throw Error("the PSF has " + std::to_string(psf.depth) + " planes and the picture " +
+                std::to_string(blurred.depth) + ": a 3-D PSF restores a stack at least as deep");
+  // The PSF's first channel: all its planes for a volume, else its first.
+  const size_t psf_taps = (size_t)psf.width * psf.height * (volume ? psf.depth : 1);
+  std::vector<float> kernel(psf.pixels.begin(), psf.pixels.begin() + psf_taps);
+  double sum = 0;
+  for (float& p : kernel) sum += (p = std::max(0.0f, p));
+  if (!(sum > 0)) throw Error("the PSF has no positive weight");
+  for (float& p : kernel) p = (float)(p / sum);
+
+  std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
+  if (volume) sizes.insert(sizes.begin(), blurred.depth), psf_sizes.insert(psf_sizes.begin(), psf.depth);
+  const size_t block = (size_t)blurred.width * blurred.height * (volume ? blurred.depth : 1);
+  const size_t blocks = blurred.pixels.size() / block;  // channels, or planes of every channel
+
+  Workers pool(workers);
+  RichardsonLucyOptions options;
+  options.iterations = iterations;
+  options.background = background;
+  Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
+  for (size_t b = 0; b < blocks; ++b) {
+    const RichardsonLucyResult run = richardson_lucy(blurred.pixels.data() + b * block, result.pixels.data() + b * block,
+                                                     sizes, kernel.data(), psf_sizes, options, pool);
+    if (b == 0 && iterations_run) *iterations_run = run.iterations;
+  }
+  return result;
 }
 
 }  // namespace libdeconv

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <optional>
 
 #include "lib/checks.h"
 #include "lib/engines.h"
@@ -66,10 +67,59 @@ void finish(Image& result, const RestoreOptions& options, const bool from_exact)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
 }
 
+// Richardson-Lucy, behind the checks every restoration makes.
+Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreOptions& options) {
+  if (options.exact) throw Error("deconv's own engine has the Wiener filter only, not richardson-lucy");
+  if (options.iterations < 0) throw Error("the iterations are negative");
+  require_picture(psf, "the PSF");
+  repair_where_asked(blurred, options);
+  const std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options);
+  const Image& kernel = checked ? checked->psf : psf;
+  for (const float p : kernel.pixels)
+    if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
+  const int workers = worker_count(options.workers);
+  DenormalsAsZero denormals;
+  if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
+    options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
+                   " planes on its own with the 2-D PSF");
+  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, workers);
+}
+
+// Every plane of a stack restored as a picture of its own.
+Image restore_planes(const Image& stack, const Image& psf, const RestoreOptions& options) {
+  Image result(stack.width, stack.height, stack.depth, stack.channels);
+  const size_t plane = (size_t)stack.width * stack.height;
+  for (size_t p = 0; p < (size_t)stack.depth * stack.channels; ++p) {
+    Image one(stack.width, stack.height, 1);
+    std::copy(stack.pixels.begin() + p * plane, stack.pixels.begin() + (p + 1) * plane, one.pixels.begin());
+    RestoreOptions each = options;
+    each.notice = p == 0 ? options.notice : nullptr;  // what the checks say, said once
+    one = restore(std::move(one), psf, each);
+    std::copy(one.pixels.begin(), one.pixels.end(), result.pixels.begin() + p * plane);
+  }
+  if (options.notice)
+    options.notice("restored each of the stack's " + std::to_string(stack.depth) +
+                   " planes on its own with the 2-D PSF");
+  return result;
+}
+
+// The method's and the stack's own ways, or nothing where the picture is a
+// picture for the filter.
+std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, const RestoreOptions& options) {
+  if (options.method == "richardson-lucy") return restore_by_richardson_lucy(blurred, psf, options);
+  if (options.method != "wiener") throw Error("unknown method '" + options.method + "': wiener or richardson-lucy");
+  if (psf.depth > 1)
+    throw Error("the PSF is a stack of " + std::to_string(psf.depth) +
+                " planes: the Wiener filter takes a 2-D PSF, richardson-lucy a 3-D one");
+  if (blurred.depth > 1) return restore_planes(blurred, psf, options);
+  return std::nullopt;
+}
+
 }  // namespace
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
   int x = 0, y = 0, c = 0;
   // The exact engine restores in the picture's planes, and a repair changes
   // them: both work on a copy.
@@ -88,6 +138,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) {
+    blurred = Image();
+    return std::move(*restored);
+  }
   repair_where_asked(blurred, options);
   if (std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options))
     return restore(std::move(blurred), checked->psf, checked->options);
@@ -109,6 +163,7 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) 
 }
 
 int choose_strength(const Image& blurred, const Image& psf, const bool compressed) {
+  if (blurred.depth > 1 || psf.depth > 1) throw Error("a strength is chosen for a picture and a 2-D PSF, not a stack");
   check_strength_inputs(blurred, psf);
   require_picture(blurred, "the picture");
   require_psf(psf);

@@ -32,27 +32,30 @@ float unit_scale() {
   return (float)std::numeric_limits<T>::max();
 }
 
+// Which of an array's axes holds what: -1 for none.
+struct Axes {
+  int z = -1, y = 0, x = 1, c = -1;
+};
+
 template <typename T>
-void copy_planes(const py::array& array, const int channels_taken, const bool scaled, deconv::Image& image) {
+void copy_planes(const py::array& array, const Axes& axes, const bool scaled, deconv::Image& image) {
   const float scale = scaled ? unit_scale<T>() : 1.0f;
   const char* const base = static_cast<const char*>(array.data());
-  const py::ssize_t row_step = array.strides(0), column_step = array.strides(1);
-  const py::ssize_t channel_step = array.ndim() == 3 ? array.strides(2) : 0;
-  for (int c = 0; c < channels_taken; ++c)
-    for (int y = 0; y < image.height; ++y)
-      for (int x = 0; x < image.width; ++x) {
-        const T v = *reinterpret_cast<const T*>(base + y * row_step + x * column_step + c * channel_step);
-        // A true division in single precision, as the readers of files
-        // divide: the last bit of every sample depends on it.
-        image.at(x, y, c) = (float)v / scale;
-      }
+  const auto step = [&](const int axis) { return axis < 0 ? (py::ssize_t)0 : array.strides(axis); };
+  const py::ssize_t z_step = step(axes.z), row_step = step(axes.y), column_step = step(axes.x), channel_step = step(axes.c);
+  for (int c = 0; c < image.channels; ++c)
+    for (int z = 0; z < image.depth; ++z)
+      for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x) {
+          const T v = *reinterpret_cast<const T*>(base + z * z_step + y * row_step + x * column_step + c * channel_step);
+          // A true division in single precision, as the readers of files
+          // divide: the last bit of every sample depends on it.
+          image.at(x, y, z, c) = (float)v / scale;
+        }
 }
 
-// `array` as the library's planes: all its channels, or only the first
-// (`first_channel_only`, for a PSF). `what` names it in messages.
-deconv::Image to_image(const py::object& given, const char* const what, const bool first_channel_only,
-                       const bool scaled) {
-  const std::string name = what;
+// `given` as a numpy array of numbers, or Error naming it as `what`.
+py::array as_array(const py::object& given, const std::string& name) {
   if (!py::isinstance<py::array>(given) && !py::isinstance<py::list>(given) && !py::isinstance<py::tuple>(given))
     throw deconv::Error(name + " must be a numpy array, not " +
                         std::string(py::str(given.get_type().attr("__name__"))));
@@ -62,9 +65,9 @@ deconv::Image to_image(const py::object& given, const char* const what, const bo
   } catch (const py::error_already_set&) {
   }
   if (!array) throw deconv::Error(name + " cannot be read as a numpy array of numbers");
-  if (array.ndim() != 2 && array.ndim() != 3)
-    throw deconv::Error(name + " must be a 2-D (height, width) or 3-D (height, width, channels) array, not " +
-                          std::to_string(array.ndim()) + "-D");
+  if (array.ndim() < 2 || array.ndim() > 4)
+    throw deconv::Error(name + " must be a 2-D (height, width), 3-D or 4-D array, not " +
+                        std::to_string(array.ndim()) + "-D");
   for (int axis = 0; axis < array.ndim(); ++axis)
     if (array.shape(axis) > INT_MAX) throw deconv::Error(name + " is too large");
   const char kind = array.dtype().kind();
@@ -76,13 +79,18 @@ deconv::Image to_image(const py::object& given, const char* const what, const bo
   const bool native = array.dtype().attr("isnative").cast<bool>();
   if (!native || (kind == 'f' && array.itemsize() != 4 && array.itemsize() != 8))
     array = array.attr("astype")(kind == 'f' ? py::dtype::of<float>() : array.dtype().attr("newbyteorder")("="));
+  return array;
+}
 
-  const int channels = array.ndim() == 3 ? (int)array.shape(2) : 1;
-  deconv::Image image((int)array.shape(1), (int)array.shape(0), first_channel_only ? std::min(channels, 1) : channels);
-  const int taken = image.channels;
+// `array`'s axes as the library's planes: all its channels, or only the
+// first (`first_channel_only`, for a PSF). `name` names it in messages.
+deconv::Image to_image(const py::array& array, const std::string& name, const Axes& axes,
+                       const bool first_channel_only, const bool scaled) {
+  const auto size = [&](const int axis) { return axis < 0 ? 1 : (int)array.shape(axis); };
+  deconv::Image image(size(axes.x), size(axes.y), size(axes.z), first_channel_only ? 1 : size(axes.c));
 #define DECONV_COPY_IF(T)                                   \
   if (py::isinstance<py::array_t<T>>(array)) {              \
-    copy_planes<T>(array, taken, scaled, image);            \
+    copy_planes<T>(array, axes, scaled, image);             \
     return image;                                           \
   }
   DECONV_COPY_IF(float)
@@ -100,18 +108,25 @@ deconv::Image to_image(const py::object& given, const char* const what, const bo
   throw deconv::Error(name + " has a type this module does not read: " + std::string(py::str(array.dtype())));
 }
 
-// The library's planes as a float32 array: (height, width) of the first plane
-// when `two_dimensional`, else (height, width, channels).
-py::array_t<float> to_array(const deconv::Image& image, const bool two_dimensional) {
+// The library's planes as a float32 array: ([depth,] height, width
+// [, channels]), the depth where `volume`, the channels where `channels`.
+py::array_t<float> to_array(const deconv::Image& image, const bool volume, const bool channels) {
   std::vector<py::ssize_t> shape = {image.height, image.width};
-  if (!two_dimensional) shape.push_back(image.channels);
+  if (volume) shape.insert(shape.begin(), image.depth);
+  if (channels) shape.push_back(image.channels);
   py::array_t<float> array(shape);
   float* const out = array.mutable_data();
-  const size_t channels = image.channels;
+  const size_t C = image.channels;
   for (int c = 0; c < image.channels; ++c)
-    for (int y = 0; y < image.height; ++y)
-      for (int x = 0; x < image.width; ++x) out[((size_t)y * image.width + x) * channels + c] = image.at(x, y, c);
+    for (int z = 0; z < image.depth; ++z)
+      for (int y = 0; y < image.height; ++y)
+        for (int x = 0; x < image.width; ++x)
+          out[(((size_t)z * image.height + y) * image.width + x) * C + c] = image.at(x, y, z, c);
   return array;
+}
+
+py::array_t<float> to_array(const deconv::Image& image, const bool two_dimensional) {
+  return to_array(image, false, !two_dimensional);
 }
 
 // A value as a message may show it: one line, at most 60 characters (an
@@ -143,10 +158,47 @@ bool flag_from(const py::object& value, const char* const name) {
   throw deconv::Error(std::string(name) + " must be True or False, not " + short_repr(value));
 }
 
-// The PSF: an array, or a blur in draw_psf()'s words.
+// The PSF: an array, or a blur in draw_psf()'s words. A 2-D array is a
+// plane; a 3-D one a volume (Z, Y, X); a 4-D one a volume's first channel.
 deconv::Image psf_from(const py::object& psf) {
   if (py::isinstance<py::str>(psf)) return deconv::draw_psf(psf.cast<std::string>());
-  return to_image(psf, "the PSF", true, false);
+  const py::array array = as_array(psf, "the PSF");
+  Axes axes;
+  if (array.ndim() >= 3) axes = {0, 1, 2, array.ndim() == 4 ? 3 : -1};
+  return to_image(array, "the PSF", axes, true, false);
+}
+
+// A picture's axes for a PSF of one plane (`volume` false) or a volume.
+// channel_axis: "auto" (channels last, at most four of them, where the
+// array has an axis more than the PSF), None (no channels), or an axis.
+Axes picture_axes(const py::array& array, const bool volume, const py::object& channel_axis) {
+  const int ndim = array.ndim();
+  const bool automatic = py::isinstance<py::str>(channel_axis) && channel_axis.cast<std::string>() == "auto";
+  if (!automatic && !channel_axis.is_none() &&
+      (!py::isinstance<py::int_>(channel_axis) || py::isinstance<py::bool_>(channel_axis)))
+    throw deconv::Error("channel_axis must be \"auto\", None or an axis, not " + short_repr(channel_axis));
+  int c = -1;
+  if (automatic) {
+    c = ndim == (volume ? 4 : 3) ? ndim - 1 : -1;
+    if (c >= 0 && !volume && array.shape(c) > 4)
+      throw deconv::Error("the picture's last axis holds " + std::to_string(array.shape(c)) +
+                          " values: probably a stack, not channels; pass channel_axis=None to restore a (Z, Y, X) "
+                          "stack plane by plane, or channel_axis=-1 if they are channels");
+  } else if (!channel_axis.is_none()) {
+    c = channel_axis.cast<int>();
+    if (c < 0) c += ndim;
+    if (c < 0 || c >= ndim) throw deconv::Error("channel_axis " + short_repr(channel_axis) + " is not an axis of the picture");
+  }
+  std::vector<int> rest;
+  for (int a = 0; a < ndim; ++a)
+    if (a != c) rest.push_back(a);
+  if (volume && rest.size() != 3)
+    throw deconv::Error("a 3-D PSF restores a (Z, Y, X) stack, or (Z, Y, X, C) with channels, not an array of " +
+                        std::to_string(ndim) + " axes");
+  if (rest.size() == 3) return {rest[0], rest[1], rest[2], c};
+  if (rest.size() == 2) return {-1, rest[0], rest[1], c};
+  throw deconv::Error("the picture must be (height, width), (height, width, channels), or a stack (Z, Y, X) or "
+                      "(Z, Y, X, C), not an array of " + std::to_string(ndim) + " axes");
 }
 
 int workers_from(const py::object& workers) {
@@ -160,11 +212,31 @@ int workers_from(const py::object& workers) {
   return (int)value;
 }
 
-py::array_t<float> restore(const py::object& image, const py::object& psf, const py::object& strength,
-                           const py::object& align, const py::object& workers, const py::object& compressed,
-                           const py::object& repair_nonfinite, const py::object& subtract_psf_background,
-                           const py::object& exact) {
+// The method's own arguments.
+void method_from(const py::object& method, const py::object& iterations, const py::object& background,
+                 deconv::RestoreOptions& options) {
+  if (!py::isinstance<py::str>(method))
+    throw deconv::Error("method must be \"wiener\" or \"richardson-lucy\", not " + short_repr(method));
+  options.method = method.cast<std::string>();
+  if (!iterations.is_none()) {
+    if (!py::isinstance<py::int_>(iterations) || py::isinstance<py::bool_>(iterations) || iterations.cast<long>() < 1 ||
+        iterations.cast<long>() > 100000)
+      throw deconv::Error("iterations must be a whole number from 1 to 100000, or None to stop by the data's noise, not " +
+                          short_repr(iterations));
+    options.iterations = iterations.cast<int>();
+  }
+  if (!py::isinstance<py::int_>(background) && !py::isinstance<py::float_>(background))
+    throw deconv::Error("background must be a number, not " + short_repr(background));
+  options.background = background.cast<float>();
+}
+
+py::object restore(const py::object& image, const py::object& psf, const py::object& strength,
+                   const py::object& align, const py::object& workers, const py::object& compressed,
+                   const py::object& repair_nonfinite, const py::object& subtract_psf_background,
+                   const py::object& exact, const py::object& method, const py::object& iterations,
+                   const py::object& background, const py::object& channel_axis) {
   deconv::RestoreOptions options;
+  method_from(method, iterations, background, options);
   options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
   options.workers = workers_from(workers);
@@ -175,21 +247,30 @@ py::array_t<float> restore(const py::object& image, const py::object& psf, const
   // The library's notices become warnings once the GIL is held again.
   std::vector<std::string> notices;
   options.notice = [&notices](const std::string& message) { notices.push_back(message); };
-  deconv::Image blurred = to_image(image, "the picture", false, true);
-  const bool two_dimensional = py::array::ensure(image).ndim() == 2;
   const deconv::Image kernel = psf_from(psf);
+  const py::array array = as_array(image, "the picture");
+  const Axes axes = picture_axes(array, kernel.depth > 1, channel_axis);
+  deconv::Image blurred = to_image(array, "the picture", axes, false, true);
   deconv::Image result;
   {
     py::gil_scoped_release unlocked;
     result = deconv::restore(std::move(blurred), kernel, options);
   }
   for (const std::string& message : notices) PyErr_WarnEx(PyExc_UserWarning, ("deconv: " + message).c_str(), 1);
-  return to_array(result, two_dimensional);
+  py::object out = to_array(result, axes.z >= 0, axes.c >= 0);
+  if (axes.c >= 0 && axes.c != array.ndim() - 1) out = py::module_::import("numpy").attr("moveaxis")(out, -1, axes.c);
+  return out;
+}
+
+// A picture for the functions that take one plane of channels.
+deconv::Image picture_from(const py::object& image) {
+  const py::array array = as_array(image, "the picture");
+  return to_image(array, "the picture", picture_axes(array, false, py::str("auto")), false, true);
 }
 
 int choose_strength(const py::object& image, const py::object& psf, const py::object& compressed) {
   const bool jpeg = flag_from(compressed, "compressed");
-  const deconv::Image blurred = to_image(image, "the picture", false, true);
+  const deconv::Image blurred = picture_from(image);
   const deconv::Image kernel = psf_from(psf);
   py::gil_scoped_release unlocked;
   return deconv::choose_strength(blurred, kernel, jpeg);
@@ -229,7 +310,7 @@ py::tuple estimate_psf(const py::object& image, const py::object& max_size, cons
   }
   options.model = model.cast<std::string>();
   options.threads = workers_from(threads);
-  const deconv::Image blurred = to_image(image, "the picture", false, true);
+  const deconv::Image blurred = picture_from(image);
   deconv::PsfEstimate estimate;
   {
     py::gil_scoped_release unlocked;
@@ -283,15 +364,28 @@ TypeError) with a one-line message.
 
   m.def("restore", &restore, py::arg("image"), py::arg("psf"), py::arg("strength") = "auto", py::arg("align") = true,
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
-        py::arg("subtract_psf_background") = false, py::arg("exact") = false,
-        R"(Restores a blurred picture whose blur is known.
+        py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
+        py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("channel_axis") = "auto",
+        R"(Restores a blurred picture, or a stack, whose blur is known.
 
-image     (H, W) or (H, W, C) array of any numeric type; every channel
-          (alpha included) is restored.
-psf       the blur: a 2-D array (or the first channel of a 3-D one) of any
-          size and scale, no larger than the picture; only its proportions
-          count, and it is centred on its first moment. Or draw_psf()'s
-          words for it: "gaussian:2", "motion:15,20", "disk:3", "box:5,3".
+image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
+          a stack (Z, Y, X) or (Z, Y, X, C); with a 2-D PSF a stack
+          (Z, Y, X) with channel_axis=None is restored plane by plane.
+          Every channel (alpha included) is restored.
+psf       the blur: a 2-D array of any size and scale, no larger than the
+          picture, or a 3-D one (Z, Y, X) for a stack (richardson-lucy);
+          only its proportions count. Or draw_psf()'s words for it:
+          "gaussian:2", "motion:15,20", "disk:3", "box:5,3".
+method    "wiener": the closed-form filter, for photographs;
+          "richardson-lucy": the maximum-likelihood restoration of photon
+          counts (microscopy, astronomy), non-negative, in 2-D or 3-D.
+iterations  richardson-lucy's iterations; None stops where the fit to the
+          data is as close as their noise allows.
+background  richardson-lucy: what every sample holds besides the object's
+          light (camera offset, sky), in the picture's units.
+channel_axis  "auto": a 3-D array's last axis holds channels (at most
+          four; more is refused as probably a stack); None: no channels;
+          an axis: the channels are there.
 strength  regularisation in tenths of lambda, 0 to 200 (10 is lambda = 1),
           or "auto" to let choose_strength() pick it for the picture.
 align     True moves the result back onto the picture; False keeps it one

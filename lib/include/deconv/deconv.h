@@ -23,21 +23,27 @@ class Error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// A picture of `channels` planes of width x height samples. The planes stand
-// one after another, each row by row: sample (x, y) of channel c is
-// pixels[(c * height + y) * width + x]. Values are whatever the caller means
-// by them; restore() works on 0..1 as the files' full range.
+// A picture of `channels` planes of width x height samples, or a stack of
+// `depth` such pictures (a z-stack, a volume). The planes stand one after
+// another, each row by row, a channel's planes together: sample (x, y, z) of
+// channel c is pixels[((c * depth + z) * height + y) * width + x]. Values are
+// whatever the caller means by them; restore() works on 0..1 as the files'
+// full range, or on counts (richardson-lucy).
 struct Image {
   int width = 0;
   int height = 0;
+  int depth = 1;
   int channels = 0;
   std::vector<float> pixels;
 
   Image() = default;
-  Image(int width, int height, int channels);  // all samples 0
+  Image(int width, int height, int channels);             // all samples 0
+  Image(int width, int height, int depth, int channels);  // a stack, all samples 0
 
-  float& at(int x, int y, int c = 0) { return pixels[((size_t)c * height + y) * width + x]; }
-  float at(int x, int y, int c = 0) const { return pixels[((size_t)c * height + y) * width + x]; }
+  float& at(int x, int y, int c = 0) { return pixels[((size_t)c * depth * height + y) * width + x]; }
+  float at(int x, int y, int c = 0) const { return pixels[((size_t)c * depth * height + y) * width + x]; }
+  float& at(int x, int y, int z, int c) { return pixels[(((size_t)c * depth + z) * height + y) * width + x]; }
+  float at(int x, int y, int z, int c) const { return pixels[(((size_t)c * depth + z) * height + y) * width + x]; }
   bool empty() const { return pixels.empty(); }
 };
 
@@ -61,6 +67,19 @@ struct RestoreOptions {
   // same bits for any number of workers. The strength, where it is chosen,
   // is chosen alike for both.
   bool exact = false;
+  // "wiener": the closed-form filter above, for photographs (2-D PSFs, each
+  // plane of a stack on its own). "richardson-lucy": the maximum-likelihood
+  // restoration of photon counts (Poisson noise on a background), for
+  // microscopy and astronomy, non-negative, its borders restored as well as
+  // its middle; with a 3-D PSF a stack is restored as a volume. The exact
+  // engine has the filter only.
+  std::string method = "wiener";
+  // richardson-lucy: the iterations; 0 stops where the fit to the data is as
+  // close as their noise allows.
+  int iterations = 0;
+  // richardson-lucy: what every sample holds besides the object's light
+  // (camera offset, sky), in the picture's units.
+  float background = 0;
 
   // Samples of the picture that are not finite (NaN, infinite) are refused,
   // naming their count and the first one; with repair_nonfinite each is
