@@ -171,7 +171,7 @@ inline CImg<float> as_file(const deconv::Image& psf) {
   return out;
 }
 
-// deconv-strength's choice, in the process (strength/main.cpp).
+// deconv-strength's choice, in the process (commands/strength/main.cpp).
 inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
   CImg<float> image = picture / 255.0f, kernel(psf);
   normalize_to_unit_sum(kernel);

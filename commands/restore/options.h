@@ -1,6 +1,6 @@
 // The command line of deconv-restore.
-#ifndef DECONV_RESTORE_OPTIONS_H
-#define DECONV_RESTORE_OPTIONS_H
+#ifndef DECONV_COMMANDS_RESTORE_OPTIONS_H
+#define DECONV_COMMANDS_RESTORE_OPTIONS_H
 
 #include <string>
 

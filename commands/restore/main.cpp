@@ -11,7 +11,7 @@
 #include <string>
 
 #include "picture/picture_file.h"
-#include "restore/options.h"
+#include "commands/restore/options.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "restore/options.h"
+#include "commands/restore/options.h"
 
 #include <cerrno>
 #include <cstdio>

@@ -4,7 +4,7 @@
 # same crop of a photograph. Exit 77 skips a case this machine cannot run.
 set -euo pipefail
 build=$1 case=$2
-data=$(cd "$(dirname "$0")/../.." && pwd)/.cache/testdata
+data=$(cd "$(dirname "$0")/../../.." && pwd)/.cache/testdata
 dir=$(mktemp -d)
 sshd_pid=""
 cleanup() {
