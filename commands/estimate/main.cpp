@@ -26,7 +26,8 @@ const char* const usage =
     "                     of about one megapixel rich in edges)\n"
     "  --model M          kernel (default), motion, disk or gaussian\n"
     "  --threads N        threads for the transforms (default: the cores)\n"
-    "  --help             this text\n";
+    "  --help             this text\n"
+    "  --version          the version\n";
 
 int bad(const std::string& message) {
   std::fprintf(stderr, "deconv-estimate: %s (see --help)\n", message.c_str());
@@ -52,6 +53,9 @@ int main(int argc, char** argv) {
     const bool has_value = i + 1 < argc;
     if (arg == "--help" || arg == "-h") {
       std::fputs(usage, stdout);
+      return 0;
+    } else if (arg == "--version") {
+      std::printf("deconv-estimate %s\n", DECONV_VERSION);
       return 0;
     } else if (arg == "--size") {
       if (!has_value || !whole(argv[++i], 3, 501, options.max_size)) return bad("--size takes a number of pixels from 3 to 501");

@@ -57,7 +57,7 @@ int main(int argc, char** argv) {
       return fail(command.input + ": cannot restore: " + e.what());
     }
     const SampleDepth depth = command.depth_given ? command.depth : picture.depth;
-    write_picture(command.output, result, depth, &picture, &picture.alpha);
+    write_picture(command.output, result, depth, &picture, &picture.alpha, command.quality);
     return 0;
   } catch (const deconv::Error& e) {
     return fail(e.what());

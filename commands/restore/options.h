@@ -12,6 +12,7 @@ struct RestoreCommand {
   int strength = -1;     // tenths of lambda; -1 for auto
   int workers = 0;       // 0: the machine's cores
   bool align = true;
+  int quality = 0;       // JPEG quality 1..100; 0: the input's, else 95
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
 };

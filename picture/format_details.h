@@ -1,0 +1,29 @@
+// What OpenImageIO's readers and writers leave out of three formats, put back
+// around them: the quality a JPEG was saved at, the Exif block of a PNG
+// (orientation and camera), and the 2880-byte records of a FITS file.
+#ifndef DECONV_PICTURE_FORMAT_DETAILS_H
+#define DECONV_PICTURE_FORMAT_DETAILS_H
+
+#include <OpenImageIO/imageio.h>
+
+#include <string>
+#include <vector>
+
+// The quality 1..100 that the JPEG `bytes` were saved at with the usual
+// (Annex K) tables scaled, as libjpeg's encoders do; 0 when its tables are
+// not such tables (a camera's own) or cannot be found.
+int jpeg_quality(const std::vector<unsigned char>& bytes);
+
+// The whole file at `path`, at most `limit` bytes of it (the head of a JPEG
+// holds its tables).
+std::vector<unsigned char> file_head(const std::string& path, size_t limit);
+
+// `png` (a whole PNG file) with an eXIf chunk after its header, holding the
+// Exif data of `header` (orientation, camera, exposure), when there is any.
+std::vector<unsigned char> with_exif_chunk(const std::vector<unsigned char>& png, const OIIO::ImageSpec& header);
+
+// Pads the FITS file at `path` with zeros to a whole number of 2880-byte
+// records, which readers expect of every unit. False if it cannot be written.
+bool pad_fits_records(const std::string& path);
+
+#endif
