@@ -1,7 +1,6 @@
 // The JPEG quality is read back from the luminance table by scaling the
 // standard one as libjpeg does; a PNG's eXIf chunk is OpenImageIO's own Exif
-// encoding, as its JPEG and TIFF writers embed it; FITS records are padded
-// after the writer has closed the file.
+// encoding, as its JPEG and TIFF writers embed it.
 #include "picture/format_details.h"
 
 #include <OpenImageIO/tiffutils.h>
@@ -112,13 +111,4 @@ std::vector<unsigned char> with_exif_chunk(const std::vector<unsigned char>& png
   out.insert(out.end(), chunk.begin(), chunk.end());
   out.insert(out.end(), png.begin() + ihdr_end, png.end());
   return out;
-}
-
-bool pad_fits_records(const std::string& path) {
-  std::FILE* const file = std::fopen(path.c_str(), "ab");
-  if (!file) return false;
-  const long size = std::fseek(file, 0, SEEK_END) == 0 ? std::ftell(file) : -1;
-  bool ok = size >= 0;
-  for (long n = size >= 0 ? (2880 - size % 2880) % 2880 : 0; ok && n > 0; --n) ok = std::fputc(0, file) != EOF;
-  return std::fclose(file) == 0 && ok;
 }

@@ -1,6 +1,6 @@
-// What OpenImageIO's readers and writers leave out of three formats, put back
-// around them: the quality a JPEG was saved at, the Exif block of a PNG
-// (orientation and camera), and the 2880-byte records of a FITS file.
+// What OpenImageIO's readers and writers leave out of two formats, put back
+// around them: the quality a JPEG was saved at and the Exif block of a PNG
+// (orientation and camera).
 #ifndef DECONV_PICTURE_FORMAT_DETAILS_H
 #define DECONV_PICTURE_FORMAT_DETAILS_H
 
@@ -21,9 +21,5 @@ std::vector<unsigned char> file_head(const std::string& path, size_t limit);
 // `png` (a whole PNG file) with an eXIf chunk after its header, holding the
 // Exif data of `header` (orientation, camera, exposure), when there is any.
 std::vector<unsigned char> with_exif_chunk(const std::vector<unsigned char>& png, const OIIO::ImageSpec& header);
-
-// Pads the FITS file at `path` with zeros to a whole number of 2880-byte
-// records, which readers expect of every unit. False if it cannot be written.
-bool pad_fits_records(const std::string& path);
 
 #endif

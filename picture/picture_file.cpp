@@ -20,6 +20,7 @@
 #include <memory>
 
 #include "picture/captured_stderr.h"
+#include "picture/fits_file.h"
 #include "picture/format_details.h"
 
 namespace {
@@ -66,17 +67,6 @@ double memory_for_planes() {
 #endif
 }
 
-// A header of a few bytes may claim any size: the planes it would need are
-// weighed before a byte of them is allocated.
-void require_memory(const std::string& path, const long width, const long height, const int channels) {
-  const double needed = (double)width * (double)height * channels * sizeof(float), memory = memory_for_planes();
-  if (needed <= memory) return;
-  char reason[160];
-  std::snprintf(reason, sizeof reason,
-                "%ld x %ld pixels of %d channels would take %.1f GB, more than the %.1f GB of memory", width, height,
-                channels, needed / 1e9, memory / 1e9);
-  cannot_read(path, reason);
-}
 
 SampleDepth depth_of(const OIIO::TypeDesc& format) {
   if (format == OIIO::TypeDesc::UINT8 || format == OIIO::TypeDesc::INT8) return SampleDepth::u8;
@@ -191,11 +181,22 @@ bool read_binary_pnm(const std::string& path, const SampleScale scale, PictureFi
 
 }  // namespace
 
+// The planes a header asks for are weighed before a byte of them is allocated.
+void require_memory(const std::string& path, const long width, const long height, const int channels) {
+  const double needed = (double)width * (double)height * channels * sizeof(float), memory = memory_for_planes();
+  if (needed <= memory) return;
+  char reason[160];
+  std::snprintf(reason, sizeof reason,
+                "%ld x %ld pixels of %d channels would take %.1f GB, more than the %.1f GB of memory", width, height,
+                channels, needed / 1e9, memory / 1e9);
+  cannot_read(path, reason);
+}
+
 PictureFile read_picture(const std::string& path, const SampleScale scale) {
   require_file(path);
   const CapturedStderr printed;  // outlives the reader, which prints as it closes
-  PictureFile pnm;
-  if (read_binary_pnm(path, scale, pnm)) return pnm;
+  PictureFile own;
+  if (read_binary_pnm(path, scale, own) || read_fits(path, scale, own)) return own;
   auto in = OIIO::ImageInput::open(path);
   if (!in) cannot_read(path, open_failure(path, printed));
   PictureFile picture;
@@ -398,7 +399,7 @@ std::string writer_error(const std::string& error) {
   return line.empty() ? "the writer failed" : line;
 }
 
-// Where a format cannot be encoded in memory (TIFF, FITS, SGI), its writer writes a
+// Where a format cannot be encoded in memory (TIFF, SGI), its writer writes a
 // staged file itself, and it is read back whole: such writers do not all look
 // at the results of their own writes, and one that seeks past what it could
 // not write leaves holes, which read back as zeros.
@@ -410,8 +411,6 @@ void write_through_file(OIIO::ImageOutput& out, const std::string& path, const O
     if (!out.open(staged, header)) cannot_write(path, writer_error(out.geterror()));
     const bool written = write_rows(out, header, image, alpha);
     if (!out.close() || !written) cannot_write(path, writer_error(out.geterror()));
-    if (!std::strcmp(out.format_name(), "fits") && !pad_fits_records(staged))
-      cannot_write(path, std::strerror(errno));
     struct stat status;
     if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
       cannot_write(path, "the file written is incomplete (is the disk full?)");
@@ -487,22 +486,6 @@ std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& header, const Image&
   return bytes;
 }
 
-// The FITS writer makes a card of every attribute: its name cut to eight
-// characters, strings without their quotes. Only numbers under names that are
-// keywords already make cards that readers take without a complaint.
-void keep_fits_cards(OIIO::ImageSpec& header) {
-  OIIO::ParamValueList kept;
-  for (const OIIO::ParamValue& p : header.extra_attribs) {
-    const std::string name = p.name().string();
-    const bool keyword = !name.empty() && name.size() <= 8 && std::all_of(name.begin(), name.end(), [](char c) {
-      return std::isupper((unsigned char)c) || std::isdigit((unsigned char)c) || c == '-' || c == '_';
-    });
-    const bool number = p.nvalues() == 1 && (p.type() == OIIO::TypeDesc::INT || p.type() == OIIO::TypeDesc::FLOAT);
-    if (keyword && number) kept.push_back(p);
-  }
-  header.extra_attribs = kept;
-}
-
 // Encodes the picture in the format `path`'s name says, in memory where the
 // writer allows it (it does not look at the results of its own writes), and
 // puts the file in place.
@@ -522,7 +505,7 @@ void encode(const std::string& path, OIIO::ImageSpec header, const Image& image,
     if (!header.find_attribute("png:compressionLevel")) header.attribute("png:compressionLevel", 4);
     if (!header.find_attribute("png:filter")) header.attribute("png:filter", 128);  // PNG_FILTER_PAETH
   }
-  if (!std::strcmp(out->format_name(), "fits")) keep_fits_cards(header);
+  if (!std::strcmp(out->format_name(), "fits")) return publish(path, fits_bytes(header, image, alpha));
   // Whatever the metadata says of the old file's compression ("lzw" of a TIFF
   // would have the writer fall back on its own 98).
   if (!std::strcmp(out->format_name(), "jpeg"))

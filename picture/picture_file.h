@@ -35,6 +35,10 @@ struct PictureFile {
 // stderr (picture/captured_stderr.h).
 PictureFile read_picture(const std::string& path, SampleScale scale = SampleScale::unit);
 
+// Throws deconv::Error "cannot read PATH: ..." when planes of this size would
+// not fit in the machine's memory: a header of a few bytes can claim any size.
+void require_memory(const std::string& path, long width, long height, int channels);
+
 // The depth named on a command line: "8", "16" or "float"; false otherwise.
 bool parse_depth(const std::string& text, SampleDepth& depth);
 
