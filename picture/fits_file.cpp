@@ -109,15 +109,14 @@ bool read_fits(const std::string& path, const SampleScale scale, PictureFile& pi
         !number(cards, "NAXIS2", height))
       damaged(path, "the FITS header lacks BITPIX or the array's axes");
     const double channels = axes >= 3 ? number_or(cards, "NAXIS3", 0) : 1;
-    const int bits = (int)bitpix;
-    if (bits != 8 && bits != 16 && bits != 32 && bits != 64 && bits != -32 && bits != -64)
+    if (bitpix != 8 && bitpix != 16 && bitpix != 32 && bitpix != 64 && bitpix != -32 && bitpix != -64)
       damaged(path, "BITPIX is not one of 8, 16, 32, 64, -32 and -64");
     if (axes < 2 || axes > 3 || width < 1 || height < 1 || channels < 1 || width > 1e9 || height > 1e9 ||
         channels > 1024)
       damaged(path, "the FITS array is not a picture of two or three axes");
     require_memory(path, (long)width, (long)height, (int)channels);
     const size_t count = (size_t)width * (size_t)height * (size_t)channels;
-    bytes.resize(count * (std::abs(bits) / 8));
+    bytes.resize(count * (size_t)(std::fabs(bitpix) / 8));
     if (std::fseek(file, data, SEEK_SET) != 0 || std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size())
       damaged(path, "the file ends before its last pixel");
   } catch (...) {

@@ -529,11 +529,6 @@ void require_known_format(const std::string& path) {
   if (!OIIO::ImageOutput::create(path)) cannot_write(path, "no format for this name");
 }
 
-bool names_jpeg(const std::string& path) {
-  const auto out = OIIO::ImageOutput::create(path);
-  return out && !std::strcmp(out->format_name(), "jpeg");
-}
-
 void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
                    const Image* alpha, const int quality) {
   if (alpha && alpha->empty()) alpha = nullptr;

@@ -46,8 +46,6 @@ bool parse_depth(const std::string& text, SampleDepth& depth);
 // some writer knows `path`'s format: for a command to fail before its work.
 void require_known_format(const std::string& path);
 
-// Whether `path`'s name makes a JPEG file.
-bool names_jpeg(const std::string& path);
 
 // Writes `image` (0..1 for integer depths: clamped, then multiplied by the
 // range and truncated) to `path` in the format its name says. `like`, when
