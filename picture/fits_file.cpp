@@ -73,10 +73,14 @@ double stored(const unsigned char* data, const int bitpix, const size_t i) {
   uint64_t bits = 0;
   for (size_t b = 0; b < size; ++b) bits = bits << 8 | data[i * size + b];
   switch (bitpix) {
-    case 8: return (double)(uint8_t)bits;
-    case 16: return (double)(int16_t)bits;
-    case 32: return (double)(int32_t)bits;
-    case 64: return (double)(int64_t)bits;
+    case 8:
+      return (double)(uint8_t)bits;
+    case 16:
+      return (double)(int16_t)bits;
+    case 32:
+      return (double)(int32_t)bits;
+    case 64:
+      return (double)(int64_t)bits;
     case -32: {
       float f;
       const uint32_t word = (uint32_t)bits;
@@ -129,12 +133,12 @@ bool read_fits(const std::string& path, const SampleScale scale, PictureFile& pi
   const int width = (int)number_or(cards, "NAXIS1", 0), height = (int)number_or(cards, "NAXIS2", 0);
   const int channels = (int)number_or(cards, "NAXIS", 0) >= 3 ? (int)number_or(cards, "NAXIS3", 0) : 1;
   const double zero = number_or(cards, "BZERO", 0), factor = number_or(cards, "BSCALE", 1);
-  picture.depth = bits == 8 && zero == 0 && factor == 1         ? SampleDepth::u8
+  picture.depth = bits == 8 && zero == 0 && factor == 1        ? SampleDepth::u8
                   : bits == 16 && zero == 32768 && factor == 1 ? SampleDepth::u16
                                                                : SampleDepth::f32;
   const float range = scale == SampleScale::raw || picture.depth == SampleDepth::f32 ? 1.0f
                       : picture.depth == SampleDepth::u8                             ? 255.0f
-                                                                                      : 65535.0f;
+                                                                                     : 65535.0f;
   picture.header = OIIO::ImageSpec(width, height, channels,
                                    picture.depth == SampleDepth::u8    ? OIIO::TypeDesc::UINT8
                                    : picture.depth == SampleDepth::u16 ? OIIO::TypeDesc::UINT16

@@ -14,9 +14,9 @@ namespace {
 
 // ITU-T T.81 Annex K.1, the luminance table every libjpeg quality scales.
 constexpr std::array<int, 64> standard_luminance = {
-    16, 11, 10, 16, 24,  40,  51,  61,  12, 12, 14, 19, 26,  58,  60,  55,  14, 13, 16, 24,  40,  57,
-    69, 56, 14, 17, 22,  29,  51,  87,  80, 62, 18, 22, 37,  56,  68,  109, 103, 77, 24, 35,  55,  64,
-    81, 104, 113, 92, 49, 64, 78, 87, 103, 121, 120, 101, 72, 92, 95, 98, 112, 100, 103, 99};
+    16, 11,  10,  16, 24, 40, 51, 61, 12,  12,  14,  19,  26, 58, 60, 55,  14,  13,  16,  24, 40, 57,
+    69, 56,  14,  17, 22, 29, 51, 87, 80,  62,  18,  22,  37, 56, 68, 109, 103, 77,  24,  35, 55, 64,
+    81, 104, 113, 92, 49, 64, 78, 87, 103, 121, 120, 101, 72, 92, 95, 98,  112, 100, 103, 99};
 
 // The table libjpeg makes for `quality` (jpeg_quality_scaling, baseline), sorted.
 std::array<int, 64> scaled_table(const int quality) {
@@ -99,8 +99,8 @@ std::vector<unsigned char> with_exif_chunk(const std::vector<unsigned char>& png
   if (blob.size() >= 6 && !std::memcmp(blob.data(), "Exif\0\0", 6)) blob.erase(blob.begin(), blob.begin() + 6);
   OIIO::ImageSpec decoded;
   const size_t ihdr_end = 8 + 12 + 13;
-  if (blob.empty() || png.size() < ihdr_end || !OIIO::decode_exif(OIIO::string_view(blob.data(), blob.size()), decoded) ||
-      decoded.extra_attribs.empty())
+  if (blob.empty() || png.size() < ihdr_end ||
+      !OIIO::decode_exif(OIIO::string_view(blob.data(), blob.size()), decoded) || decoded.extra_attribs.empty())
     return png;
   std::vector<unsigned char> chunk;
   put_u32(chunk, (uint32_t)blob.size());

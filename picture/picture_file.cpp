@@ -67,7 +67,6 @@ double memory_for_planes() {
 #endif
 }
 
-
 SampleDepth depth_of(const OIIO::TypeDesc& format) {
   if (format == OIIO::TypeDesc::UINT8 || format == OIIO::TypeDesc::INT8) return SampleDepth::u8;
   if (format == OIIO::TypeDesc::UINT16 || format == OIIO::TypeDesc::INT16) return SampleDepth::u16;
@@ -533,6 +532,6 @@ void write_picture(const std::string& path, const Image& image, const SampleDept
                    const Image* alpha, const int quality) {
   if (alpha && alpha->empty()) alpha = nullptr;
   const CapturedStderr printed;
-  encode(path, spec_for(image, alpha, depth, like), image, alpha,
-         quality > 0 ? quality : like && like->quality > 0 ? like->quality : 95);
+  const int saved_at = quality > 0 ? quality : like && like->quality > 0 ? like->quality : 95;
+  encode(path, spec_for(image, alpha, depth, like), image, alpha, saved_at);
 }

@@ -8,11 +8,11 @@
 
 struct RestoreCommand {
   std::string input, output;
-  std::string psf;       // a file, "KIND:N[,N]", or "auto"
-  int strength = -1;     // tenths of lambda; -1 for auto
-  int workers = 0;       // 0: the machine's cores
+  std::string psf;    // a file, "KIND:N[,N]", or "auto"
+  int strength = -1;  // tenths of lambda; -1 for auto
+  int workers = 0;    // 0: the machine's cores
+  int quality = 0;    // JPEG quality 1..100; 0: the input's, else 95
   bool align = true;
-  int quality = 0;       // JPEG quality 1..100; 0: the input's, else 95
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
 };

@@ -82,9 +82,7 @@ uint32_t crc32(const std::string& bytes) {
   return ~crc;
 }
 
-std::string big_endian(const uint32_t v) {
-  return {(char)(v >> 24), (char)(v >> 16), (char)(v >> 8), (char)v};
-}
+std::string big_endian(const uint32_t v) { return {(char)(v >> 24), (char)(v >> 16), (char)(v >> 8), (char)v}; }
 
 std::string png_chunk(const std::string& type, const std::string& data) {
   return big_endian((uint32_t)data.size()) + type + data + big_endian(crc32(type + data));
@@ -139,8 +137,8 @@ INSTANTIATE_TEST_SUITE_P(Readers, BadPicture,
                          ::testing::Combine(::testing::Values(commands[0], commands[1], commands[2]),
                                             ::testing::ValuesIn(bad_files)),
                          [](const auto& info) {
-                           std::string name = std::string(std::get<0>(info.param).name).substr(7) + "_" +
-                                              std::get<1>(info.param).name;
+                           std::string name =
+                               std::string(std::get<0>(info.param).name).substr(7) + "_" + std::get<1>(info.param).name;
                            std::replace(name.begin(), name.end(), '.', '_');
                            return name;
                          });

@@ -56,7 +56,8 @@ TEST_F(RestoredFile, JpegQualityComesFromTheInputOrTheCommandLine) {
   write_picture(dir / "in.png", photo, SampleDepth::u8);
   for (const int quality : {20, 83, 97}) {
     const std::string name = "in-" + std::to_string(quality) + ".jpg";
-    ASSERT_EQ(shell("cd '" + dir.path + "' && convert in.png -quality " + std::to_string(quality) + " " + name).first, 0);
+    ASSERT_EQ(shell("cd '" + dir.path + "' && convert in.png -quality " + std::to_string(quality) + " " + name).first,
+              0);
     ASSERT_EQ(restore(name + " same.jpg"), 0);
     EXPECT_EQ(quality_of("same.jpg"), quality);
     ASSERT_EQ(restore("--quality 40 " + name + " forty.jpg"), 0);
@@ -89,12 +90,14 @@ TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
   PictureFile camera;
   camera.header.attribute("Make", "Acme");  // a string the FITS writer would garble
   write_picture(dir / "camera.jpg", photo, SampleDepth::u8, &camera);
-  write_picture(dir / "grey.png", estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 0, 0, 37, 29, true),
+  write_picture(dir / "grey.png",
+                estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 0, 0, 37, 29, true),
                 SampleDepth::u16);
   const struct {
     const char* args;
     const char* shape;
-  } cases[] = {{"camera.jpg out.fits", "(3, 64, 96)"}, {"grey.png grey.fits", "(29, 37)"},
+  } cases[] = {{"camera.jpg out.fits", "(3, 64, 96)"},
+               {"grey.png grey.fits", "(29, 37)"},
                {"--depth float grey.png float.fits", "(29, 37)"}};
   for (const auto& c : cases) {
     ASSERT_EQ(restore(c.args), 0) << c.args;
