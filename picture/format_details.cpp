@@ -92,6 +92,25 @@ std::vector<unsigned char> file_head(const std::string& path, const size_t limit
   return bytes;
 }
 
+bool png_cut_short(const std::string& path) {
+  std::FILE* const file = std::fopen(path.c_str(), "rb");
+  if (!file) return false;
+  unsigned char head[8];
+  bool png = std::fread(head, 1, 8, file) == 8 && !std::memcmp(head, "\x89PNG\r\n\x1a\n", 8), cut = false;
+  // Chunk by chunk, by their lengths alone, to IEND; the last byte of each must be there.
+  for (long at = 8; png && !cut;) {
+    unsigned char chunk[8];
+    cut = std::fseek(file, at, SEEK_SET) != 0 || std::fread(chunk, 1, 8, file) != 8;
+    if (cut) break;
+    const long length = (long)chunk[0] << 24 | (long)chunk[1] << 16 | (long)chunk[2] << 8 | (long)chunk[3];
+    at += 12 + length;
+    cut = std::fseek(file, at - 1, SEEK_SET) != 0 || std::fgetc(file) == EOF;
+    if (!std::memcmp(chunk + 4, "IEND", 4)) break;
+  }
+  std::fclose(file);
+  return png && cut;
+}
+
 std::vector<unsigned char> with_exif_chunk(const std::vector<unsigned char>& png, const OIIO::ImageSpec& header) {
   std::vector<char> blob;
   OIIO::encode_exif(header, blob, OIIO::endian::big);

@@ -1,6 +1,7 @@
 // What OpenImageIO's readers and writers leave out of two formats, put back
-// around them: the quality a JPEG was saved at and the Exif block of a PNG
-// (orientation and camera).
+// around them: the quality a JPEG was saved at, the Exif block of a PNG
+// (orientation and camera), and a PNG cut short told before libpng meets its
+// end (OpenImageIO 2.4 leaks its error message when libpng jumps out then).
 #ifndef DECONV_PICTURE_FORMAT_DETAILS_H
 #define DECONV_PICTURE_FORMAT_DETAILS_H
 
@@ -17,6 +18,9 @@ int jpeg_quality(const std::vector<unsigned char>& bytes);
 // The whole file at `path`, at most `limit` bytes of it (the head of a JPEG
 // holds its tables).
 std::vector<unsigned char> file_head(const std::string& path, size_t limit);
+
+// Whether the file at `path` is a PNG whose chunks run past its end.
+bool png_cut_short(const std::string& path);
 
 // `png` (a whole PNG file) with an eXIf chunk after its header, holding the
 // Exif data of `header` (orientation, camera, exposure), when there is any.

@@ -196,6 +196,7 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   const CapturedStderr printed;  // outlives the reader, which prints as it closes
   PictureFile own;
   if (read_binary_pnm(path, scale, own) || read_fits(path, scale, own)) return own;
+  if (png_cut_short(path)) cannot_read(path, "the file is cut short");
   auto in = OIIO::ImageInput::open(path);
   if (!in) cannot_read(path, open_failure(path, printed));
   PictureFile picture;

@@ -268,7 +268,7 @@ case_reader_reasons() {
   printf 'cut.png\tpsf.png\tout/1.png\nempty.png\tpsf.png\tout/2.png\nfolder.png\tpsf.png\tout/3.png\n' >manifest
   batch --restore manifest
   [ $status = 1 ] || fail "status $status: $(cat err)"
-  grep -qx "deconv-batch: line 1: status 11: deconv-restore: cannot read $dir/cut.png: Read error: hit end of file" err &&
+  grep -qx "deconv-batch: line 1: status 11: deconv-restore: cannot read $dir/cut.png: the file is cut short" err &&
     grep -qx "deconv-batch: line 2: status 11: deconv-restore: cannot read $dir/empty.png: an empty file" err &&
     grep -qx "deconv-batch: line 3: status 11: deconv-restore: cannot read $dir/folder.png: a directory, not a picture" err ||
     fail "$(cat err)"
