@@ -19,6 +19,9 @@ struct Command {
   const char* read_args;  // how it reads a picture named FILE; null for those that read none
 };
 
+// Test names carry the parameter as gtest prints it: a name, not its bytes.
+void PrintTo(const Command& command, std::ostream* out) { *out << command.name; }
+
 const Command commands[] = {
     {"deconv-restore", DECONV_RESTORE_BINARY, "--psf gaussian:1 FILE out.png"},
     {"deconv-estimate", DECONV_ESTIMATE_BINARY, "FILE psf-out.png"},
@@ -99,6 +102,8 @@ struct BadFile {
   const char* name;
   const char* reason;  // what the line says after "cannot read NAME: "
 };
+
+void PrintTo(const BadFile& file, std::ostream* out) { *out << file.name; }
 
 const BadFile bad_files[] = {
     {"cut.png", "the file is cut short"},  // not libpng's four lines
