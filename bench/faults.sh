@@ -33,6 +33,9 @@ faults=(
   'python/module.cpp|image.at(x, y, c) = (float)v / scale;|image.at(x, y, c) = (float)v / 255.0f;|Python integers of every type divided by 255'
   'estimate/kernel_step.cpp|const double sx = x - half + cx, sy = y - half + cy;|const double sx = x - half + cx + 0.5, sy = y - half + cy;|an estimated PSF half a pixel off centre'
   'picture/picture_file.cpp|in->format_name()) == "jpeg"|in->format_name()) == "jpg"|a JPEG not known for one'
+  'picture/fits_file.cpp|for (int row = image.height - 1; row >= 0; --row)|for (int row = 0; row < image.height; ++row)|FITS rows written top first'
+  'picture/format_details.cpp|(standard_luminance[i] * scale + 50) / 100|(standard_luminance[i] * scale) / 100|JPEG tables scaled without rounding: qualities misread'
+  'picture/picture_file.cpp|if (S_ISREG(status.st_mode) && status.st_size == 0)|if (S_ISREG(status.st_mode) && status.st_size < 0)|an empty file is left to the readers'
 )
 
 # The worktree stays between runs, so that a second run rebuilds only what

@@ -4,10 +4,17 @@
 // ImageMagick, which estimates them on its own.
 #include <gmock/gmock.h>
 
+#include <sstream>
+
 #include "bench/estimate_cases.h"
 #include "picture/format_details.h"
 #include "picture/picture_file.h"
 #include "tests/support.h"
+
+// Test names carry a depth as a word (gtest finds this by the enum's namespace).
+static void PrintTo(const SampleDepth depth, std::ostream* out) {
+  *out << (depth == SampleDepth::u8 ? "8" : depth == SampleDepth::u16 ? "16" : "float");
+}
 
 namespace {
 
@@ -125,3 +132,45 @@ TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
 }
 
 }  // namespace
+
+// FITS against astropy sample by sample, both ways: the first row of the file
+// is the picture's bottom row, planes follow one another, and 16 bits carry
+// BZERO. A picture of 3 x 2 pixels and 2 planes, each sample its own value.
+class FitsAgainstAstropy : public ::testing::TestWithParam<SampleDepth> {};
+
+TEST_P(FitsAgainstAstropy, SamplesStandWhereAstropyPutsThem) {
+  TempDir dir;
+  const float range = GetParam() == SampleDepth::u8 ? 255 : GetParam() == SampleDepth::u16 ? 65535 : 1;
+  deconv::Image image(3, 2, 2);
+  for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = (float)(10 * i + 5) / range;
+  write_picture(dir / "ours.fits", image, GetParam());
+  // astropy's data[c][row][x] with row 0 first in the file: the picture's bottom row.
+  const std::string python =
+      "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\n"
+      "with fits.open(sys.argv[1]) as f: print(\" \".join(str(float(v)) for v in "
+      "f[0].data[:, ::-1, :].flatten()))' ";
+  const auto [status, said] = shell(python + "'" + (dir / "ours.fits") + "'");
+  ASSERT_EQ(status, 0) << said;
+  std::istringstream values(said);
+  for (size_t i = 0; i < image.pixels.size(); ++i) {
+    double v = -1;
+    values >> v;
+    EXPECT_NEAR(v, 10 * i + 5, 1e-3) << i;
+  }
+  // astropy's file of the same samples, read back here.
+  const char* const type = GetParam() == SampleDepth::u8    ? "uint8"
+                           : GetParam() == SampleDepth::u16 ? "uint16"
+                                                            : "float32";
+  ASSERT_EQ(shell("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
+                  "d = (np.arange(12) * 10 + 5).astype(np.float64).reshape(2, 2, 3)[:, ::-1, :]\n"
+                  "fits.PrimaryHDU(d.astype(np." +
+                  std::string(type) + ")).writeto(\"" + (dir / "theirs.fits") + "\")'")
+                .first,
+            0);
+  const PictureFile theirs = read_picture(dir / "theirs.fits");
+  EXPECT_EQ(theirs.depth, GetParam());
+  for (size_t i = 0; i < image.pixels.size(); ++i) EXPECT_NEAR(theirs.image.pixels[i] * range, 10 * i + 5, 1e-3) << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Depths, FitsAgainstAstropy,
+                         ::testing::Values(SampleDepth::u8, SampleDepth::u16, SampleDepth::f32));
