@@ -34,7 +34,8 @@ check: build
 # its own; the fuzzers share the AddressSanitizer build (clang).
 ASAN_CONFIGURE = CC=clang CXX=clang++ cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	-DDECONV_SANITIZE=address -DDECONV_FUZZ=ON >/dev/null
-UNIT_TESTS = spectral_tests engine_tests tool_tests psf_tests strength_tests library_tests checks_tests restore_tests estimate_tests
+UNIT_TESTS = spectral_tests engine_tests tool_tests psf_tests strength_tests library_tests checks_tests restore_tests \
+	estimate_tests command_tests
 
 sanitize: setup
 	@$(ASAN_CONFIGURE)
@@ -44,12 +45,13 @@ sanitize: setup
 	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv spectral_tests engine_tests tool_tests library_tests
 	@cd $(BUILD)-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Fft|Engine|Runs|PinnedResults|Library)\.'
 
-# libFuzzer (clang) over the native readers and the PSF's preparation, a
+# libFuzzer (clang) over deconv's native readers, the commands' picture reader
+# (OpenImageIO's formats, PNM and FITS) and the PSF's preparation, a
 # bounded number of inputs each, under AddressSanitizer and
 # UndefinedBehaviorSanitizer; any report fails.
 fuzz: setup
 	@$(ASAN_CONFIGURE)
-	@cmake --build $(BUILD)-asan -j $(JOBS) --target load_fuzzer psf_fuzzer
+	@cmake --build $(BUILD)-asan -j $(JOBS) --target load_fuzzer psf_fuzzer picture_fuzzer
 	@cd $(BUILD)-asan && ctest --output-on-failure -R fuzzer
 
 bench:

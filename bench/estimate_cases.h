@@ -170,7 +170,7 @@ inline CImg<float> as_file(const deconv::Image& psf) {
   return out;
 }
 
-// deconv-strength's choice, in the process.
+// deconv-strength's choice, in the process (commands/strength/main.cpp).
 inline int chosen_strength(const CImg<float>& picture, const CImg<float>& psf) {
   return deconv::choose_strength(to_image(picture, 1 / 255.0f), to_image(psf, 1.0f));
 }

@@ -13,7 +13,7 @@
 #include <random>
 #include <vector>
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 using cimg_library::CImg;
 

@@ -5,7 +5,7 @@
 #define DECONV_LIB_IMAGE_VIEWS_H
 
 #include "deconv/deconv.h"
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 // Helpers of the library's own, outside namespace deconv so that they are not
 // exported.

@@ -6,6 +6,7 @@
 #include "picture/picture_file.h"
 
 #include <OpenImageIO/filesystem.h>
+#include <OpenImageIO/strutil.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,6 +18,10 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+
+#include "picture/captured_stderr.h"
+#include "picture/fits_file.h"
+#include "picture/format_details.h"
 
 namespace {
 
@@ -31,12 +36,35 @@ using deconv::Image;
   throw Error("cannot write " + path + ": " + reason);
 }
 
+// The first line of an OpenImageIO error, which may go on for lines, each
+// reporting the one before ("PNG read error: ...", "PNG library error").
+std::string first_line(const std::string& error) { return error.substr(0, error.find('\n')); }
+
+// What the readers would misname: to the reader its name picks, a folder or
+// an empty file is "Not a PNG file".
+void require_file(const std::string& path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) cannot_read(path, std::strerror(errno));
+  if (S_ISDIR(status.st_mode)) cannot_read(path, "a directory, not a picture");
+  if (S_ISREG(status.st_mode) && status.st_size == 0) cannot_read(path, "an empty file");
+}
+
 // OpenImageIO says "Could not open file ..." where the system has a plainer word.
-std::string open_failure(const std::string& path) {
-  const std::string error = OIIO::geterror();
-  if (access(path.c_str(), F_OK) != 0) return std::strerror(errno);
+std::string open_failure(const std::string& path, const CapturedStderr& printed) {
+  const std::string error = first_line(OIIO::geterror());
   if (access(path.c_str(), R_OK) != 0) return std::strerror(errno);
-  return error.empty() ? "not a picture this program can read" : error;
+  if (!error.empty()) return error;
+  return printed.first_line().empty() ? "not a picture this program can read" : printed.first_line();
+}
+
+// The bytes a header may make the reader ask for: the machine's memory, or
+// less where a build says so (the fuzzer's, under its own limit).
+double memory_for_planes() {
+#ifdef DECONV_PICTURE_MEMORY
+  return DECONV_PICTURE_MEMORY;
+#else
+  return (double)sysconf(_SC_PHYS_PAGES) * (double)sysconf(_SC_PAGE_SIZE);
+#endif
 }
 
 SampleDepth depth_of(const OIIO::TypeDesc& format) {
@@ -92,7 +120,7 @@ void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::Typ
     const bool read = header.tile_width ? in.read_image(0, 0, 0, header.nchannels, type, samples.data())
                                         : in.read_scanlines(0, 0, header.y + y, header.y + y + rows, header.z, 0,
                                                             header.nchannels, type, samples.data());
-    if (!read) cannot_read(path, in.geterror());
+    if (!read) cannot_read(path, first_line(in.geterror()));
     deinterleave(samples.data(), (size_t)y * header.width, (size_t)rows * header.width, header.nchannels, range, planes,
                  sources);
   }
@@ -127,6 +155,12 @@ bool read_binary_pnm(const std::string& path, const SampleScale scale, PictureFi
   }
   const int channels = magic[1] == '5' ? 1 : 3;
   const bool wide = maximum > 255;
+  try {
+    require_memory(path, width, height, channels);
+  } catch (...) {
+    std::fclose(file);
+    throw;
+  }
   std::vector<unsigned char> bytes((size_t)width * height * channels * (wide ? 2 : 1));
   const bool complete = std::fread(bytes.data(), 1, bytes.size(), file) == bytes.size();
   std::fclose(file);
@@ -146,17 +180,34 @@ bool read_binary_pnm(const std::string& path, const SampleScale scale, PictureFi
 
 }  // namespace
 
+// The planes a header asks for are weighed before a byte of them is allocated.
+void require_memory(const std::string& path, const long width, const long height, const int channels) {
+  const double needed = (double)width * (double)height * channels * sizeof(float), memory = memory_for_planes();
+  if (needed <= memory) return;
+  char reason[160];
+  std::snprintf(reason, sizeof reason,
+                "%ld x %ld pixels of %d channels would take %.1f GB, more than the %.1f GB of memory", width, height,
+                channels, needed / 1e9, memory / 1e9);
+  cannot_read(path, reason);
+}
+
 PictureFile read_picture(const std::string& path, const SampleScale scale) {
-  PictureFile pnm;
-  if (read_binary_pnm(path, scale, pnm)) return pnm;
+  require_file(path);
+  const CapturedStderr printed;  // outlives the reader, which prints as it closes
+  PictureFile own;
+  if (read_binary_pnm(path, scale, own) || read_fits(path, scale, own)) return own;
+  if (png_cut_short(path)) cannot_read(path, "the file is cut short");
   auto in = OIIO::ImageInput::open(path);
-  if (!in) cannot_read(path, open_failure(path));
+  if (!in) cannot_read(path, open_failure(path, printed));
   PictureFile picture;
   picture.header = in->spec();
   picture.compressed = std::string(in->format_name()) == "jpeg";
+  // The tables are in the first segments; 64 kB holds them in any file.
+  if (picture.compressed) picture.quality = jpeg_quality(file_head(path, 1 << 16));
   const OIIO::ImageSpec& header = picture.header;
   if (header.width <= 0 || header.height <= 0 || header.nchannels <= 0) cannot_read(path, "the picture is empty");
   if (header.depth > 1) cannot_read(path, "a volume, not a picture");
+  require_memory(path, header.width, header.height, header.nchannels);
   // The alpha channel, if any, is the last one: colours stand before it.
   const bool has_alpha =
       header.alpha_channel >= 0 && header.alpha_channel == header.nchannels - 1 && header.nchannels > 1;
@@ -342,13 +393,13 @@ void publish(const std::string& path, const std::vector<unsigned char>& bytes) {
   }
 }
 
-// The first line of an OpenImageIO error, which may repeat itself line after line.
-std::string first_line(const std::string& error) {
-  const std::string line = error.substr(0, error.find('\n'));
+// The first line of a writer's error; a writer may fail without a word.
+std::string writer_error(const std::string& error) {
+  const std::string line = first_line(error);
   return line.empty() ? "the writer failed" : line;
 }
 
-// Where a format cannot be encoded in memory (TIFF, FITS, SGI), its writer writes a
+// Where a format cannot be encoded in memory (TIFF, SGI), its writer writes a
 // staged file itself, and it is read back whole: such writers do not all look
 // at the results of their own writes, and one that seeks past what it could
 // not write leaves holes, which read back as zeros.
@@ -357,9 +408,9 @@ void write_through_file(OIIO::ImageOutput& out, const std::string& path, const O
   std::string staged;
   close(open_staged(path, staged));
   try {
-    if (!out.open(staged, header)) cannot_write(path, first_line(out.geterror()));
+    if (!out.open(staged, header)) cannot_write(path, writer_error(out.geterror()));
     const bool written = write_rows(out, header, image, alpha);
-    if (!out.close() || !written) cannot_write(path, first_line(out.geterror()));
+    if (!out.close() || !written) cannot_write(path, writer_error(out.geterror()));
     struct stat status;
     if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
       cannot_write(path, "the file written is incomplete (is the disk full?)");
@@ -438,7 +489,8 @@ std::vector<unsigned char> pnm_bytes(const OIIO::ImageSpec& header, const Image&
 // Encodes the picture in the format `path`'s name says, in memory where the
 // writer allows it (it does not look at the results of its own writes), and
 // puts the file in place.
-void encode(const std::string& path, OIIO::ImageSpec header, const Image& image, const Image* alpha) {
+void encode(const std::string& path, OIIO::ImageSpec header, const Image& image, const Image* alpha,
+            const int quality) {
   auto out = OIIO::ImageOutput::create(path);
   if (!out) cannot_write(path, "no format for this name");
   if (is_pnm(out->format_name(), header)) return publish(path, pnm_bytes(header, image));
@@ -453,6 +505,11 @@ void encode(const std::string& path, OIIO::ImageSpec header, const Image& image,
     if (!header.find_attribute("png:compressionLevel")) header.attribute("png:compressionLevel", 4);
     if (!header.find_attribute("png:filter")) header.attribute("png:filter", 128);  // PNG_FILTER_PAETH
   }
+  if (!std::strcmp(out->format_name(), "fits")) return publish(path, fits_bytes(header, image, alpha));
+  // Whatever the metadata says of the old file's compression ("lzw" of a TIFF
+  // would have the writer fall back on its own 98).
+  if (!std::strcmp(out->format_name(), "jpeg"))
+    header.attribute("Compression", OIIO::Strutil::fmt::format("jpeg:{}", quality));
   // The TIFF writer loses its directory in memory when the Exif one fails to go.
   if (!out->supports("ioproxy") || !std::strcmp(out->format_name(), "tiff"))
     return write_through_file(*out, path, header, image, alpha);
@@ -460,10 +517,10 @@ void encode(const std::string& path, OIIO::ImageSpec header, const Image& image,
   MemoryFile memory(bytes);
   void* proxy = &memory;
   header.attribute("oiio:ioproxy", OIIO::TypeDesc::PTR, &proxy);
-  if (!out->open(path, header)) cannot_write(path, first_line(out->geterror()));
+  if (!out->open(path, header)) cannot_write(path, writer_error(out->geterror()));
   const bool written = write_rows(*out, header, image, alpha);
-  if (!out->close() || !written) cannot_write(path, first_line(out->geterror()));
-  publish(path, bytes);
+  if (!out->close() || !written) cannot_write(path, writer_error(out->geterror()));
+  publish(path, std::strcmp(out->format_name(), "png") ? bytes : with_exif_chunk(bytes, header));
 }
 
 }  // namespace
@@ -473,7 +530,9 @@ void require_known_format(const std::string& path) {
 }
 
 void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
-                   const Image* alpha) {
+                   const Image* alpha, const int quality) {
   if (alpha && alpha->empty()) alpha = nullptr;
-  encode(path, spec_for(image, alpha, depth, like), image, alpha);
+  const CapturedStderr printed;
+  const int saved_at = quality > 0 ? quality : like && like->quality > 0 ? like->quality : 95;
+  encode(path, spec_for(image, alpha, depth, like), image, alpha, saved_at);
 }

@@ -25,11 +25,19 @@ struct PictureFile {
   SampleDepth depth = SampleDepth::u8;
   OIIO::ImageSpec header;   // the file's metadata (EXIF, ICC profile, resolution)
   bool compressed = false;  // saved as JPEG: see deconv::choose_strength
+  int quality = 0;          // a JPEG's quality, where its tables tell it; 0 otherwise
 };
 
 // Reads the first subimage of `path`. Throws deconv::Error
-// "cannot read PATH: REASON".
+// "cannot read PATH: REASON", on one line, for a file that is missing, a
+// folder, empty, damaged, or larger than the machine's memory could hold (the
+// header is believed only that far). The decoders' own messages are kept off
+// stderr (picture/captured_stderr.h).
 PictureFile read_picture(const std::string& path, SampleScale scale = SampleScale::unit);
+
+// Throws deconv::Error "cannot read PATH: ..." when planes of this size would
+// not fit in the machine's memory: a header of a few bytes can claim any size.
+void require_memory(const std::string& path, long width, long height, int channels);
 
 // The depth named on a command line: "8", "16" or "float"; false otherwise.
 bool parse_depth(const std::string& text, SampleDepth& depth);
@@ -38,13 +46,16 @@ bool parse_depth(const std::string& text, SampleDepth& depth);
 // some writer knows `path`'s format: for a command to fail before its work.
 void require_known_format(const std::string& path);
 
+
 // Writes `image` (0..1 for integer depths: clamped, then multiplied by the
 // range and truncated) to `path` in the format its name says. `like`, when
-// given, lends its metadata; `alpha`, when not empty, is written as the last
-// channel. The file is written under a temporary name beside `path` and
+// given, lends its metadata (a PNG keeps its Exif data too, in an eXIf
+// chunk); `alpha`, when not empty, is written as the last channel. A JPEG is
+// saved at `quality` (1..100), else at `like`'s own quality, else at 95. FITS
+// files are padded to whole 2880-byte records. The file is written under a temporary name beside `path` and
 // renamed over it only once complete: a failure leaves `path` as it was and
 // no temporary file behind. Throws deconv::Error "cannot write PATH: REASON".
 void write_picture(const std::string& path, const deconv::Image& image, SampleDepth depth,
-                   const PictureFile* like = nullptr, const deconv::Image* alpha = nullptr);
+                   const PictureFile* like = nullptr, const deconv::Image* alpha = nullptr, int quality = 0);
 
 #endif

@@ -6,7 +6,7 @@
 #ifndef DECONV_PSF_KERNELS_H
 #define DECONV_PSF_KERNELS_H
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 using cimg_library::CImg;
 

@@ -9,7 +9,7 @@
 
 #include <type_traits>
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 using cimg_library::CImg;
 using cimg_library::CImgList;

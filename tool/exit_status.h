@@ -9,7 +9,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 template <class Body>
 int run_with_exit_status(Body body) {

@@ -8,7 +8,7 @@
 
 #include <cstdio>
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 using cimg_library::CImg;
 

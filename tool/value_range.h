@@ -3,7 +3,7 @@
 #ifndef DECONV_TOOL_VALUE_RANGE_H
 #define DECONV_TOOL_VALUE_RANGE_H
 
-#include "tool/cimg_config.h"
+#include "imaging/cimg_config.h"
 
 // Divides every pixel by 255.0f, whatever the file's depth; nothing is clamped.
 void scale_to_unit(cimg_library::CImg<float>& image);

@@ -85,9 +85,6 @@ class Reading(unittest.TestCase):
                 result = deconv.restore(given, psf, strength=10, workers=1)
                 self.assertEqual(result.shape, given.shape)
                 np.testing.assert_array_equal(result, deconv.restore(same.astype(np.float32), psf, strength=10, workers=1))
-        coloured = np.stack([psf, np.ones_like(psf), np.zeros_like(psf)], axis=2).astype(np.float64)
-        np.testing.assert_array_equal(deconv.restore(unit, coloured, strength=10, workers=1),
-                                      deconv.restore(unit, psf, strength=10, workers=1))
 
     def test_counts_come_back_on_their_scale(self):
         counts = np.round(picture((48, 64), seed=3) * 1000).astype(np.int64)
@@ -175,6 +172,33 @@ class Checks(unittest.TestCase):
             self.assertEqual(deconv.restore(blurred, star, strength=10, subtract_psf_background=True).shape, blurred.shape)
 
 
+class Stacks(unittest.TestCase):
+    """A 3-D PSF makes the array a volume; a 2-D PSF keeps pictures and
+    restores a stack plane by plane; more than four channels are refused."""
+
+    def test_axes(self):
+        rng = np.random.default_rng(5)
+        stack = rng.poisson(20, (6, 40, 48)).astype(np.float32)
+        z, y, x = np.mgrid[-2:3, -3:4, -3:4]
+        psf3 = np.exp(-(x * x + y * y) / 2.0 - z * z / 3.0)
+        volume = deconv.restore(stack, psf3, method="richardson-lucy", iterations=5, background=2)
+        self.assertEqual((volume.shape, volume.dtype), (stack.shape, np.float32))
+        self.assertGreaterEqual(volume.min(), 0)
+        with self.assertWarnsRegex(UserWarning, "each of the stack's 6 planes"):
+            planes = deconv.restore(stack, "gaussian:1", strength=10, workers=1, channel_axis=None)
+        np.testing.assert_array_equal(planes[3], deconv.restore(stack[3], "gaussian:1", strength=10, workers=1))
+        first = deconv.restore(np.moveaxis(stack[:3], 0, -1), "gaussian:1", strength=10, workers=1)
+        np.testing.assert_array_equal(deconv.restore(stack[:3], "gaussian:1", strength=10, workers=1, channel_axis=0),
+                                      np.moveaxis(first, -1, 0))
+        for call, words in [(lambda: deconv.restore(stack[..., :5].transpose(1, 2, 0), "gaussian:1"), "channel_axis=None"),
+                            (lambda: deconv.restore(stack[0], psf3, method="richardson-lucy"), "(Z, Y, X) stack"),
+                            (lambda: deconv.restore(stack, psf3), "richardson-lucy a 3-D one"),
+                            (lambda: deconv.restore(stack, psf3, method="blind"), "unknown method")]:
+            with self.subTest(words), self.assertRaises(deconv.Error) as raised:
+                call()
+            self.assertIn(words, str(raised.exception))
+
+
 class Errors(unittest.TestCase):
     def test_refusals_carry_the_message(self):
         blurred = np.full((32, 32), 0.5, np.float32)
@@ -184,7 +208,7 @@ class Errors(unittest.TestCase):
             (lambda: deconv.restore(blurred, psf, strength=201), deconv.Error, "0 to 200"),
             (lambda: deconv.restore(blurred, psf, strength="high"), TypeError, "auto"),
             (lambda: deconv.restore(blurred, psf, workers=0), deconv.Error, "workers"),
-            (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not 4-D"),
+            (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not an array of 4 axes"),
             (lambda: deconv.restore(blurred.astype(complex), psf), TypeError, "complex128"),
             (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25"), strength=10, exact=True),
              deconv.Error, "too small"),

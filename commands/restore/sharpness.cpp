@@ -1,4 +1,4 @@
-#include "restore/sharpness.h"
+#include "commands/restore/sharpness.h"
 
 #include <algorithm>
 

@@ -3,8 +3,8 @@
 // codec libraries (PNG and JPEG go through external converters), reports on
 // stderr, and our own thread-safe single-precision FFT entry in place of the
 // library's.
-#ifndef DECONV_TOOL_CIMG_CONFIG_H
-#define DECONV_TOOL_CIMG_CONFIG_H
+#ifndef DECONV_IMAGING_CIMG_CONFIG_H
+#define DECONV_IMAGING_CIMG_CONFIG_H
 
 #include <pthread.h>  // the FFT entry takes a pthread mutex
 

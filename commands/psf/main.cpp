@@ -8,14 +8,38 @@
 // success; a bad command line gives one line on stderr and status 1, a file
 // that cannot be written one line and status 11.
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 
 #include "picture/picture_file.h"
 #include "psf/named.h"
 
+namespace {
+
+const char* const usage =
+    "usage: deconv-psf KIND ARGS... OUTPUT\n"
+    "Draws the PSF picture of a common blur and writes it to OUTPUT, in the format\n"
+    "its name says (16 bits where the small taps need them):\n"
+    "  gaussian SIGMA        standard deviation in pixels\n"
+    "  motion LENGTH ANGLE   a straight shake, in pixels and degrees\n"
+    "  disk RADIUS           a lens out of focus\n"
+    "  box WIDTH HEIGHT      a uniform rectangle\n"
+    "  --help, --version\n"
+    "Exit status: 0 written, 1 bad command line, 11 a file that cannot be written.\n";
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  if (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
+    std::fputs(usage, stdout);
+    return 0;
+  }
+  if (argc == 2 && !std::strcmp(argv[1], "--version")) {
+    std::printf("deconv-psf %s\n", DECONV_VERSION);
+    return 0;
+  }
   if (argc < 3) {
-    std::fprintf(stderr, "deconv-psf: usage: deconv-psf %s, then OUTPUT\n", psf_kinds);
+    std::fprintf(stderr, "deconv-psf: needs %s, then OUTPUT (see deconv-psf --help)\n", psf_kinds);
     return 1;
   }
   CImg<float> psf;

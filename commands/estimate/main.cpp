@@ -30,7 +30,8 @@ const char* const usage =
     "  --threads N        threads for the transforms (default: the cores)\n"
     "  --progress, --quiet  each stage and scale on stderr always, or never\n"
     "                     (default: when stderr is a terminal)\n"
-    "  --help             this text\n";
+    "  --help             this text\n"
+    "  --version          the version\n";
 
 int bad(const std::string& message) {
   std::fprintf(stderr, "deconv-estimate: %s (see --help)\n", message.c_str());
@@ -60,6 +61,9 @@ int main(int argc, char** argv) {
       return 0;
     } else if (arg == "--progress" || arg == "--quiet") {
       progress = arg == "--progress";
+    } else if (arg == "--version") {
+      std::printf("deconv-estimate %s\n", DECONV_VERSION);
+      return 0;
     } else if (arg == "--size") {
       if (!has_value || !whole(argv[++i], 3, 501, options.max_size)) return bad("--size takes a number of pixels from 3 to 501");
     } else if (arg == "--threads") {

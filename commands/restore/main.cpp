@@ -14,8 +14,8 @@
 #include <unistd.h>
 
 #include "picture/picture_file.h"
-#include "restore/options.h"
-#include "restore/sharpness.h"
+#include "commands/restore/options.h"
+#include "commands/restore/sharpness.h"
 
 namespace {
 
@@ -90,7 +90,7 @@ int main(int argc, char** argv) {
     // Only once restored: a refusal leaves no file behind.
     if (!command.save_psf.empty()) write_picture(command.save_psf, peak_at_one(psf), SampleDepth::u16);
     const SampleDepth depth = command.depth_given ? command.depth : picture.depth;
-    write_picture(command.output, result, depth, &picture, &picture.alpha);
+    write_picture(command.output, result, depth, &picture, &picture.alpha, command.quality);
     const double gain = gradient_energy(result, margin) / before;
     if (!(gain >= least_sharpening)) {
       char ratio[32];

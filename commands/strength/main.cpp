@@ -10,12 +10,33 @@
 // may go at once. A bad command line gives one line on stderr and status 1; a
 // picture that cannot be read or judged, one line and status 11.
 #include <cstdio>
+#include <cstring>
 
 #include "picture/picture_file.h"
 
+namespace {
+
+const char* const usage =
+    "usage: deconv-strength INPUT PSF\n"
+    "Prints the STRENGTH (1 to 200) expected to restore INPUT best with the PSF\n"
+    "picture PSF, for deconv and deconv-restore --strength.\n"
+    "  --help, --version\n"
+    "Exit status: 0 printed, 1 bad command line, 11 a picture that cannot be read\n"
+    "or judged.\n";
+
+}  // namespace
+
 int main(int argc, char** argv) {
+  if (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
+    std::fputs(usage, stdout);
+    return 0;
+  }
+  if (argc == 2 && !std::strcmp(argv[1], "--version")) {
+    std::printf("deconv-strength %s\n", DECONV_VERSION);
+    return 0;
+  }
   if (argc != 3) {
-    std::fprintf(stderr, "usage: deconv-strength INPUT PSF\n");
+    std::fprintf(stderr, "deconv-strength: needs INPUT and PSF (see deconv-strength --help)\n");
     return 1;
   }
   try {

@@ -1,6 +1,6 @@
 // The command line of deconv-restore.
-#ifndef DECONV_RESTORE_OPTIONS_H
-#define DECONV_RESTORE_OPTIONS_H
+#ifndef DECONV_COMMANDS_RESTORE_OPTIONS_H
+#define DECONV_COMMANDS_RESTORE_OPTIONS_H
 
 #include <string>
 
@@ -8,9 +8,10 @@
 
 struct RestoreCommand {
   std::string input, output;
-  std::string psf;       // a file, "KIND:N[,N]", or "auto"
-  int strength = -1;     // tenths of lambda; -1 for auto
-  int workers = 0;       // 0: the machine's cores
+  std::string psf;    // a file, "KIND:N[,N]", or "auto"
+  int strength = -1;  // tenths of lambda; -1 for auto
+  int workers = 0;    // 0: the machine's cores
+  int quality = 0;    // JPEG quality 1..100; 0: the input's, else 95
   bool align = true;
   bool exact = false;  // deconv's own engine
   bool depth_given = false;

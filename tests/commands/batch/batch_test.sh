@@ -4,7 +4,7 @@
 # same crop of a photograph. Exit 77 skips a case this machine cannot run.
 set -euo pipefail
 build=$1 case=$2
-data=$(cd "$(dirname "$0")/../.." && pwd)/.cache/testdata
+data=$(cd "$(dirname "$0")/../../.." && pwd)/.cache/testdata
 dir=$(mktemp -d)
 sshd_pid=""
 cleanup() {
@@ -277,6 +277,27 @@ case_kept_psf() {
     fail "the kept PSFs differ from deconv-restore's: $(ls kept)"
 }
 
+# A picture that cannot be read fails with the reader's reason, not with the
+# last line its run printed (libpng's "PNG library error", deconv's "General
+# exception"), for deconv-restore and for deconv alike.
+case_reader_reasons() {
+  "$build/deconv-psf" gaussian 1.5 psf.png
+  head -c 3000 "$data/astronaut.png" >cut.png
+  : >empty.png
+  mkdir folder.png
+  printf 'cut.png\tpsf.png\tout/1.png\nempty.png\tpsf.png\tout/2.png\nfolder.png\tpsf.png\tout/3.png\n' >manifest
+  batch --restore manifest
+  [ $status = 1 ] || fail "status $status: $(cat err)"
+  grep -qx "deconv-batch: line 1: status 11: deconv-restore: cannot read $dir/cut.png: the file is cut short" err &&
+    grep -qx "deconv-batch: line 2: status 11: deconv-restore: cannot read $dir/empty.png: an empty file" err &&
+    grep -qx "deconv-batch: line 3: status 11: deconv-restore: cannot read $dir/folder.png: a directory, not a picture" err ||
+    fail "$(cat err)"
+  rm -f manifest.joblog
+  batch manifest
+  [ $status = 1 ] && [ "$(grep -c '^deconv-batch: line [123]: status 11: .*\(convert\|gm\).*\(cut\|empty\|folder\)\.png' err)" = 3 ] &&
+    ! grep -q 'General exception' err || fail "$(cat err)"
+}
+
 case_command_line() {
   make_pictures 1
   for args in "" "-w 0 manifest" "-j x manifest" "-q 5 manifest" "-s 201 manifest" "-s automatic manifest" "--sideways manifest" \
@@ -294,6 +315,8 @@ case_command_line() {
   [ $status = 2 ] && grep -q "twice line 2: ./out/a.ppm is written by line 1 too" err || fail "$(cat err)"
   [ ! -e out ] || fail "a batch ran with a bad manifest"
   "$build/deconv-batch" --help | grep -q "^usage: deconv-batch" || fail "--help"
+  batch --sideways manifest
+  [ "$(wc -l <err)" = 1 ] || fail "a bad command line in more than one line: $(cat err)"
 }
 
 "case_$case"

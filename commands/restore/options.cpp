@@ -1,4 +1,4 @@
-#include "restore/options.h"
+#include "commands/restore/options.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -20,6 +20,8 @@ const char* const help =
     "  --strength N|auto           regularisation in tenths, 0 to 200 (default: auto)\n"
     "  --workers N                 worker threads (default: the machine's cores)\n"
     "  --depth 8|16|float          the result's samples (default: the input's)\n"
+    "  --quality N                 a JPEG result's quality, 1 to 100 (default: the\n"
+    "                              input's, where its tables tell it, else 95)\n"
     "  --no-align                  keep the restoration one pixel off, as deconv does\n"
     "  --save-psf FILE             keep the PSF used (16 bits, largest tap white)\n"
     "  --repair-nonfinite          replace NaN and infinite samples by their\n"
@@ -87,7 +89,8 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
     if (arg.size() > 1 && arg[0] == '-') {
       const size_t equals = arg.find('=');
       const std::string name = arg.substr(0, equals);
-      if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--save-psf")
+      if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--quality" &&
+          name != "--save-psf")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -108,6 +111,9 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       } else if (name == "--workers") {
         if (!whole_number(value.c_str(), 1, 1024, command.workers))
           return refuse("--workers takes a whole number from 1 to 1024, not '" + value + "'");
+      } else if (name == "--quality") {
+        if (!whole_number(value.c_str(), 1, 100, command.quality))
+          return refuse("--quality takes a whole number from 1 to 100, not '" + value + "'");
       } else {
         if (!parse_depth(value, command.depth)) return refuse("--depth takes 8, 16 or float, not '" + value + "'");
         command.depth_given = true;

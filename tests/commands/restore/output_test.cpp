@@ -1,0 +1,176 @@
+// What deconv-restore's files keep of their input: Exif orientation and
+// camera in PNG as in JPEG and TIFF, a JPEG's quality (or --quality), and FITS
+// files that astropy reads without a warning. Qualities are read back by
+// ImageMagick, which estimates them on its own.
+#include <gmock/gmock.h>
+
+#include <sstream>
+
+#include "bench/estimate_cases.h"
+#include "picture/format_details.h"
+#include "picture/picture_file.h"
+#include "tests/support.h"
+
+// Test names carry a depth as a word (gtest finds this by the enum's namespace).
+static void PrintTo(const SampleDepth depth, std::ostream* out) {
+  *out << (depth == SampleDepth::u8 ? "8" : depth == SampleDepth::u16 ? "16" : "float");
+}
+
+namespace {
+
+const std::string restore_binary = DECONV_RESTORE_BINARY;
+
+class RestoredFile : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    photo = estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/coffee.png", 200, 100, 96, 64, false);
+  }
+  int restore(const std::string& args) {
+    return shell("cd '" + dir.path + "' && " + restore_binary + " --psf gaussian:1 --strength 10 " + args).first;
+  }
+  // ImageMagick's estimate of a JPEG's quality.
+  int quality_of(const std::string& name) {
+    return std::atoi(shell("identify -format %Q '" + (dir / name) + "'").second.c_str());
+  }
+  TempDir dir;
+  deconv::Image photo;
+};
+
+TEST_F(RestoredFile, ExifGoesOverToEveryFormat) {
+  PictureFile camera;
+  camera.header.attribute("Orientation", 6);
+  camera.header.attribute("Make", "Acme");
+  camera.header.attribute("FNumber", 2.8f);
+  write_picture(dir / "camera.jpg", photo, SampleDepth::u8, &camera);
+  for (const char* out : {"out.png", "out.jpg", "out.tif"}) {
+    ASSERT_EQ(restore(std::string("camera.jpg ") + out), 0) << out;
+    const OIIO::ImageSpec header = read_picture(dir / out).header;
+    EXPECT_EQ(header.get_int_attribute("Orientation"), 6) << out;
+    EXPECT_EQ(header.get_string_attribute("Make"), "Acme") << out;
+    EXPECT_FLOAT_EQ(header.get_float_attribute("FNumber"), 2.8f) << out;
+  }
+  // Readers look for eXIf before the pixels; a picture without Exif gets none.
+  const std::string png = read_file(dir / "out.png");
+  EXPECT_LT(png.find("eXIf"), png.find("IDAT"));
+  write_picture(dir / "plain.png", photo, SampleDepth::u8);
+  ASSERT_EQ(restore("plain.png plain-out.png"), 0);
+  EXPECT_EQ(read_file(dir / "plain-out.png").find("eXIf"), std::string::npos);
+}
+
+// The input's quality where its tables are libjpeg's scaled ones, --quality
+// over it, 95 for a picture that has none.
+TEST_F(RestoredFile, JpegQualityComesFromTheInputOrTheCommandLine) {
+  write_picture(dir / "in.png", photo, SampleDepth::u8);
+  for (const int quality : {20, 83, 97}) {
+    const std::string name = "in-" + std::to_string(quality) + ".jpg";
+    ASSERT_EQ(shell("cd '" + dir.path + "' && convert in.png -quality " + std::to_string(quality) + " " + name).first,
+              0);
+    ASSERT_EQ(restore(name + " same.jpg"), 0);
+    EXPECT_EQ(quality_of("same.jpg"), quality);
+    ASSERT_EQ(restore("--quality 40 " + name + " forty.jpg"), 0);
+    EXPECT_EQ(quality_of("forty.jpg"), 40);
+  }
+  ASSERT_EQ(restore("in.png default.jpg"), 0);
+  EXPECT_EQ(quality_of("default.jpg"), 95);
+  for (const char* bad : {"0", "101", "high"}) EXPECT_EQ(restore(std::string("--quality ") + bad + " in.png x.jpg"), 1);
+}
+
+// The estimate against libjpeg's own encoder, from the lowest quality to the
+// highest; a camera's own tables are no quality at all.
+TEST(JpegQuality, ReadsWhatLibjpegWrote) {
+  TempDir dir;
+  for (const int quality : {1, 10, 49, 50, 51, 75, 92, 100}) {
+    const std::string name = dir / ("q" + std::to_string(quality) + ".jpg");
+    ASSERT_EQ(shell("convert -size 16x16 gradient: -quality " + std::to_string(quality) + " '" + name + "'").first, 0);
+    EXPECT_EQ(jpeg_quality(file_head(name, 1 << 16)), quality);
+  }
+  std::vector<unsigned char> own = file_head(dir / "q75.jpg", 1 << 16);
+  for (size_t i = 0; i + 5 < own.size(); ++i)
+    if (own[i] == 0xFF && own[i + 1] == 0xDB) own[i + 5] += 3;  // the first entry of each table
+  EXPECT_EQ(jpeg_quality(own), 0);
+  EXPECT_EQ(jpeg_quality({}), 0);
+}
+
+// FITS files as astropy takes them: whole 2880-byte records, standard cards,
+// the picture's samples; with warnings as errors.
+TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
+  PictureFile camera;
+  camera.header.attribute("Make", "Acme");  // a string the FITS writer would garble
+  write_picture(dir / "camera.jpg", photo, SampleDepth::u8, &camera);
+  write_picture(dir / "grey.png",
+                estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 0, 0, 37, 29, true),
+                SampleDepth::u16);
+  const struct {
+    const char* args;
+    const char* shape;
+  } cases[] = {{"camera.jpg out.fits", "(3, 64, 96)"},
+               {"grey.png grey.fits", "(29, 37)"},
+               {"--depth float grey.png float.fits", "(29, 37)"}};
+  for (const auto& c : cases) {
+    ASSERT_EQ(restore(c.args), 0) << c.args;
+    const std::string name = dir / std::string(c.args).substr(std::string(c.args).rfind(' ') + 1);
+    EXPECT_EQ(read_file(name).size() % 2880, 0u) << c.args;
+    const PictureFile ours = read_picture(name);
+    // The whole and the file's first row, which FITS puts at the bottom: our last.
+    double sum = 0, bottom = 0;
+    for (const float v : ours.image.pixels) sum += v;
+    for (int x = 0; x < ours.image.width; ++x) bottom += ours.image.at(x, ours.image.height - 1);
+    const auto [status, said] = shell(
+        "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\nwith fits.open(sys.argv[1]) as f:\n"
+        "    f.verify(\"exception\"); h = f[0]; repr(h.header)\n"
+        "    print(h.data.shape, float(h.data.sum()), float(h.data.reshape(-1, *h.data.shape[-2:])[0, 0].sum()))' '" +
+        name + "'");
+    EXPECT_EQ(status, 0) << said;
+    EXPECT_THAT(said, ::testing::StartsWith(std::string(c.shape) + " ")) << c.args;
+    // astropy's samples are the file's own (0..255, or 0..65535 with BZERO); ours are scaled to 0..1.
+    const double scale = ours.depth == SampleDepth::u8 ? 255 : ours.depth == SampleDepth::u16 ? 65535 : 1;
+    double theirs = 0, their_bottom = 0;
+    std::sscanf(said.substr(said.find(") ") + 2).c_str(), "%lf %lf", &theirs, &their_bottom);
+    EXPECT_NEAR(theirs, sum * scale, 1e-4 * sum * scale) << c.args;
+    EXPECT_NEAR(their_bottom, bottom * scale, 1e-4 * bottom * scale) << c.args;
+  }
+}
+
+}  // namespace
+
+// FITS against astropy sample by sample, both ways: the first row of the file
+// is the picture's bottom row, planes follow one another, and 16 bits carry
+// BZERO. A picture of 3 x 2 pixels and 2 planes, each sample its own value.
+class FitsAgainstAstropy : public ::testing::TestWithParam<SampleDepth> {};
+
+TEST_P(FitsAgainstAstropy, SamplesStandWhereAstropyPutsThem) {
+  TempDir dir;
+  const float range = GetParam() == SampleDepth::u8 ? 255 : GetParam() == SampleDepth::u16 ? 65535 : 1;
+  deconv::Image image(3, 2, 2);
+  for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = (float)(10 * i + 5) / range;
+  write_picture(dir / "ours.fits", image, GetParam());
+  // astropy's data[c][row][x] with row 0 first in the file: the picture's bottom row.
+  const std::string python =
+      "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\n"
+      "with fits.open(sys.argv[1]) as f: print(\" \".join(str(float(v)) for v in "
+      "f[0].data[:, ::-1, :].flatten()))' ";
+  const auto [status, said] = shell(python + "'" + (dir / "ours.fits") + "'");
+  ASSERT_EQ(status, 0) << said;
+  std::istringstream values(said);
+  for (size_t i = 0; i < image.pixels.size(); ++i) {
+    double v = -1;
+    values >> v;
+    EXPECT_NEAR(v, 10 * i + 5, 1e-3) << i;
+  }
+  // astropy's file of the same samples, read back here.
+  const char* const type = GetParam() == SampleDepth::u8    ? "uint8"
+                           : GetParam() == SampleDepth::u16 ? "uint16"
+                                                            : "float32";
+  ASSERT_EQ(shell("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
+                  "d = (np.arange(12) * 10 + 5).astype(np.float64).reshape(2, 2, 3)[:, ::-1, :]\n"
+                  "fits.PrimaryHDU(d.astype(np." +
+                  std::string(type) + ")).writeto(\"" + (dir / "theirs.fits") + "\")'")
+                .first,
+            0);
+  const PictureFile theirs = read_picture(dir / "theirs.fits");
+  EXPECT_EQ(theirs.depth, GetParam());
+  for (size_t i = 0; i < image.pixels.size(); ++i) EXPECT_NEAR(theirs.image.pixels[i] * range, 10 * i + 5, 1e-3) << i;
+}
+
+INSTANTIATE_TEST_SUITE_P(Depths, FitsAgainstAstropy,
+                         ::testing::Values(SampleDepth::u8, SampleDepth::u16, SampleDepth::f32));
