@@ -34,7 +34,7 @@ check: build
 # its own; the fuzzers share the AddressSanitizer build (clang).
 ASAN_CONFIGURE = CC=clang CXX=clang++ cmake -S . -B $(BUILD)-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo \
 	-DDECONV_SANITIZE=address -DDECONV_FUZZ=ON >/dev/null
-UNIT_TESTS = spectral_tests engine_tests tool_tests psf_tests strength_tests library_tests checks_tests restore_tests \
+UNIT_TESTS = spectral_tests engine_tests fast_tests tool_tests psf_tests strength_tests library_tests checks_tests restore_tests \
 	estimate_tests command_tests
 
 sanitize: setup

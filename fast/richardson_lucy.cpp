@@ -1,6 +1,7 @@
 #include "fast/richardson_lucy.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <stdexcept>
 
@@ -18,18 +19,27 @@ using spectral::Workers;
 constexpr int most_iterations = 500;
 constexpr size_t sum_blocks = 64;  // fixed, so that sums come out the same for any threads
 
-// The sum of f(i) over [0, n), in double, by fixed blocks added in order.
+// Sums over [0, n) in double, by fixed blocks added in order:
+// f(begin, end, sums) adds a block's share to sums[0 .. N - 1].
+template <size_t N, class F>
+std::array<double, N> ordered_sums(const size_t n, Workers& workers, F f) {
+  std::vector<std::array<double, N>> part(sum_blocks);
+  workers.run(sum_blocks, [&](const size_t b) {
+    part[b].fill(0.0);
+    f(n * b / sum_blocks, n * (b + 1) / sum_blocks, part[b]);
+  });
+  std::array<double, N> sums{};
+  for (const auto& p : part)
+    for (size_t k = 0; k < N; ++k) sums[k] += p[k];
+  return sums;
+}
+
+// The sum of f(i) over [0, n), as ordered_sums.
 template <class F>
 double ordered_sum(const size_t n, Workers& workers, F f) {
-  std::vector<double> part(sum_blocks, 0.0);
-  workers.run(sum_blocks, [&](const size_t b) {
-    double s = 0;
-    for (size_t i = n * b / sum_blocks, end = n * (b + 1) / sum_blocks; i < end; ++i) s += f(i);
-    part[b] = s;
-  });
-  double sum = 0;
-  for (const double s : part) sum += s;
-  return sum;
+  return ordered_sums<1>(n, workers, [&](size_t begin, size_t end, std::array<double, 1>& sum) {
+    for (size_t i = begin; i < end; ++i) sum[0] += f(i);
+  })[0];
 }
 
 // The data's grid inside the extended one: data row r (all axes but the
@@ -117,6 +127,37 @@ double poisson_gain(const float* data, const std::vector<int>& sizes, const floa
   return power / count / fft.samples() / mean;
 }
 
+// The mean of the Poisson deviance 2 (y log(y / mu) - (y - mu)) of one
+// sample of mean mu: 1 + 1 / (6 mu) + 1 / (6 mu^2) for large means, summed
+// over the distribution below 20 (a table, log-spaced, read linearly).
+class ExpectedDeviance {
+ public:
+  ExpectedDeviance() {
+    for (int t = 0; t < steps; ++t) table_[t] = exact(mean_at(t));
+  }
+  double operator()(const double mu) const {
+    if (mu >= top) return 1 + 1 / (6 * mu) + 1 / (6 * mu * mu);
+    if (mu <= bottom) return 2 * mu;  // y is 0 but for a chance of mu, and then 1
+    const double at = std::log(mu / bottom) / std::log(top / bottom) * (steps - 1);
+    const int t = std::min(steps - 2, (int)at);
+    return table_[t] + (at - t) * (table_[t + 1] - table_[t]);
+  }
+
+ private:
+  static constexpr int steps = 512;
+  static constexpr double bottom = 1e-3, top = 20;
+  static double mean_at(const int t) { return bottom * std::pow(top / bottom, (double)t / (steps - 1)); }
+  static double exact(const double mu) {
+    double sum = 0, p = std::exp(-mu);  // P(y = 0)
+    for (int y = 0; y < 200; ++y) {
+      sum += p * 2 * ((y ? y * std::log(y / mu) : 0) - (y - mu));
+      p *= mu / (y + 1);
+    }
+    return sum;
+  }
+  double table_[steps];
+};
+
 }  // namespace
 
 RichardsonLucyResult richardson_lucy(const float* const data, float* const object, const std::vector<int>& sizes,
@@ -150,41 +191,45 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
 
   const double gain = options.iterations ? 0 : poisson_gain(data, sizes, psf, psf_sizes, options.background, workers);
   const float b = options.background;
+  static const ExpectedDeviance expected;
+  std::vector<long> data_row(n / width, -1);  // for each row of the extended grid, the data's, or -1
+  for (size_t r = 0; r < e.rows.size(); ++r) data_row[e.rows[r] / width] = (long)r;
   RichardsonLucyResult result;
   for (int k = 0; k < (options.iterations ? options.iterations : most_iterations); ++k) {
     // The data over the model, where there are data; the deviance of the fit.
     convolve(fft, H, predicted.data(), work.data(), scratch, false, workers);
-    const double deviance = ordered_sum(e.rows.size(), workers, [&](size_t r) {
-      float* const model = work.data() + e.rows[r];
+    // Outside the data the ratio is nothing. In counts, where the gain is
+    // known: the deviance, less what Poisson noise alone would leave at this
+    // model.
+    const double excess = ordered_sum(n / width, workers, [&](const size_t row) {
+      float* const model = work.data() + row * width;
+      const long r = data_row[row];
+      std::fill(model + (r < 0 ? 0 : e.width), model + width, 0.0f);
+      if (r < 0) return 0.0;
       const float* const y = data + r * e.width;
       double d = 0;
       for (size_t i = 0; i < e.width; ++i) {
         const float mu = std::max(model[i] + b, 1e-12f);
-        if (y[i] > 0) d += (double)y[i] * std::log((double)y[i] / mu) - (y[i] - mu);
-        else d += mu;
+        if (gain > 0) {
+          const double counts = y[i] / gain, mean = mu / gain;
+          d += 2 * ((counts > 0 ? counts * std::log(counts / mean) : 0) - (counts - mean)) - expected(mean);
+        }
         model[i] = std::max(y[i], 0.0f) / mu;
       }
-      return 2 * d;
-    });
-    // Outside the data the ratio is nothing: the rows past the data's width
-    // and the rows no data row starts.
-    workers.run_ranges(n / width, [&](size_t begin, size_t end) {
-      for (size_t row = begin; row < end; ++row) {
-        const size_t at = row * width;
-        const bool data_row = std::binary_search(e.rows.begin(), e.rows.end(), at);
-        std::fill(work.begin() + at + (data_row ? e.width : 0), work.begin() + at + width, 0.0f);
-      }
+      return d;
     });
     // The model fits as closely as Poisson noise of this gain allows: stop
     // before fitting the noise itself.
-    if (!options.iterations && k > 0 && gain > 0 && deviance / gain <= (double)data_samples) break;
+    if (!options.iterations && k > 0 && gain > 0 && excess <= 0) break;
     convolve(fft, H, work.data(), work.data(), scratch, true, workers);
-    // The step from the predicted object, and the next prediction.
+    // The step from the predicted object, and how far it goes along the last.
     previous.swap(x);
-    workers.run_ranges(n, [&](size_t begin, size_t end) {
+    const std::array<double, 2> along = ordered_sums<2>(n, workers, [&](size_t begin, size_t end, auto& sums) {
       for (size_t i = begin; i < end; ++i) {
         x[i] = predicted[i] * work[i] * weight[i];
         step[i] = x[i] - predicted[i];
+        sums[0] += (double)step[i] * last_step[i];
+        sums[1] += (double)last_step[i] * last_step[i];
       }
     });
     ++result.iterations;
@@ -194,12 +239,8 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
         std::copy(x.begin() + e.rows[r], x.begin() + e.rows[r] + e.width, cropped.begin() + r * e.width);
       options.each_iteration(result.iterations, cropped.data());
     }
-    double alpha = 0;
-    if (options.accelerate && k > 0) {
-      const double along = ordered_sum(n, workers, [&](size_t i) { return (double)step[i] * last_step[i]; });
-      const double before = ordered_sum(n, workers, [&](size_t i) { return (double)last_step[i] * last_step[i]; });
-      alpha = before > 0 ? std::min(0.95, std::max(0.0, along / before)) : 0;
-    }
+    // The next prediction: Biggs and Andrews' extrapolation.
+    const double alpha = options.accelerate && k > 0 && along[1] > 0 ? std::min(0.95, std::max(0.0, along[0] / along[1])) : 0;
     step.swap(last_step);
     const float a = (float)alpha;
     workers.run_ranges(n, [&](size_t begin, size_t end) {

@@ -74,3 +74,49 @@ TEST(Engines, TheSecondGivesTheSameBitsForAnyWorkers) {
 }
 
 }  // namespace
+
+namespace {
+
+// Stacks: a 2-D PSF restores every plane as that plane alone; a 3-D PSF
+// restores the stack as a volume with richardson-lucy, and is refused on a
+// single picture and by the filter; unknown methods and richardson-lucy on
+// the exact engine are refused.
+TEST(Engines, StacksByPlaneOrAsVolumes) {
+  const deconv::Image plane = photo("camera.png", 100, 60, 64, 48);
+  deconv::Image stack(64, 48, 3, 1);
+  for (int z = 0; z < 3; ++z)
+    for (size_t i = 0; i < plane.pixels.size(); ++i) stack.pixels[z * plane.pixels.size() + i] = plane.pixels[i] * (z + 1);
+  deconv::RestoreOptions options;
+  options.strength = 10, options.workers = 1;
+  std::vector<std::string> notices;
+  options.notice = [&](const std::string& n) { notices.push_back(n); };
+  const deconv::Image psf = deconv::draw_psf("gaussian:1.5");
+  const deconv::Image planes = deconv::restore(stack, psf, options);
+  deconv::Image second(64, 48, 1);
+  std::copy(stack.pixels.begin() + plane.pixels.size(), stack.pixels.begin() + 2 * plane.pixels.size(), second.pixels.begin());
+  const deconv::Image alone = deconv::restore(second, psf, options);
+  EXPECT_TRUE(std::equal(alone.pixels.begin(), alone.pixels.end(), planes.pixels.begin() + plane.pixels.size()));
+  EXPECT_THAT(notices, ::testing::Contains(::testing::HasSubstr("each of the stack's 3 planes")));
+
+  deconv::Image psf3(7, 7, 3, 1);
+  for (int z = 0; z < 3; ++z) psf3.at(3, 3, z, 0) = 1, psf3.at(2, 3, z, 0) = psf3.at(4, 3, z, 0) = 0.5f;
+  deconv::RestoreOptions rl = options;
+  rl.method = "richardson-lucy", rl.iterations = 5;
+  const deconv::Image volume = deconv::restore(stack, psf3, rl);
+  EXPECT_EQ(volume.depth, 3);
+  EXPECT_GE(*std::min_element(volume.pixels.begin(), volume.pixels.end()), 0.0f);
+  deconv::RestoreOptions unknown = options, exact_rl = rl;
+  unknown.method = "blind", exact_rl.exact = true;
+  const struct {
+    deconv::Image picture, psf;
+    deconv::RestoreOptions options;
+    const char* reason;
+  } refusals[] = {{plane, psf3, rl, "at least as deep"},
+                  {stack, psf3, options, "richardson-lucy a 3-D one"},
+                  {plane, psf, unknown, "unknown method 'blind'"},
+                  {plane, psf, exact_rl, "Wiener filter only"}};
+  for (const auto& r : refusals)
+    EXPECT_THAT(thrown<deconv::Error>([&] { deconv::restore(r.picture, r.psf, r.options); }), ::testing::HasSubstr(r.reason));
+}
+
+}  // namespace
