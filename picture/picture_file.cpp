@@ -207,6 +207,12 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   const OIIO::ImageSpec& header = picture.header;
   if (header.width <= 0 || header.height <= 0 || header.nchannels <= 0) cannot_read(path, "the picture is empty");
   if (header.depth > 1) cannot_read(path, "a volume, not a picture");
+  // A stack's later pages would be lost without a word: refused until the
+  // commands restore stacks (the library and the Python module do).
+  if (in->seek_subimage(1, 0))
+    cannot_read(path, "a stack of pages; restore stacks with the library or the Python module (restore() "
+                      "takes a 3-D PSF)");
+  if (!in->seek_subimage(0, 0)) cannot_read(path, "its first page cannot be read again");
   require_memory(path, header.width, header.height, header.nchannels);
   // The alpha channel, if any, is the last one: colours stand before it.
   const bool has_alpha =

@@ -73,6 +73,12 @@ int main(int argc, char** argv) {
     options.workers = command.workers;
     options.align = command.align;
     options.exact = command.exact;
+    options.method = command.method;
+    options.iterations = command.iterations;
+    // The picture's samples are scaled by their file's range; so is the background.
+    options.background = (float)(command.background / (picture.depth == SampleDepth::u8    ? 255.0
+                                                        : picture.depth == SampleDepth::u16 ? 65535.0
+                                                                                            : 1.0));
     options.clamp = false;
     options.compressed = picture.compressed;
     options.repair_nonfinite = command.repair_nonfinite;

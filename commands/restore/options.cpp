@@ -1,6 +1,7 @@
 #include "commands/restore/options.h"
 
 #include <cerrno>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,6 +31,13 @@ const char* const help =
     "                              background (default: refuse it)\n"
     "  --progress, --quiet         the estimation's progress on stderr always, or\n"
     "                              never (default: when stderr is a terminal)\n"
+    "  --method wiener|richardson-lucy  the closed-form filter (default), or the\n"
+    "                              maximum-likelihood restoration of photon counts\n"
+    "  --iterations N|auto         richardson-lucy's iterations (default: auto, where\n"
+    "                              the fit reaches the data's noise)\n"
+    "  --background X              richardson-lucy: the counts every sample holds\n"
+    "                              besides the light (camera offset, sky), in the\n"
+    "                              input's own units (default 0)\n"
     "  --exact                     restore on deconv's own engine: with --depth 8\n"
     "                              --no-align, deconv's very pixels (slower)\n"
     "  --help, --version\n"
@@ -90,7 +98,7 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       const size_t equals = arg.find('=');
       const std::string name = arg.substr(0, equals);
       if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--quality" &&
-          name != "--save-psf")
+          name != "--save-psf" && name != "--method" && name != "--iterations" && name != "--background")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -111,6 +119,20 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       } else if (name == "--workers") {
         if (!whole_number(value.c_str(), 1, 1024, command.workers))
           return refuse("--workers takes a whole number from 1 to 1024, not '" + value + "'");
+      } else if (name == "--method") {
+        if (value != "wiener" && value != "richardson-lucy")
+          return refuse("--method takes wiener or richardson-lucy, not '" + value + "'");
+        command.method = value;
+      } else if (name == "--iterations") {
+        if (value == "auto")
+          command.iterations = 0;
+        else if (!whole_number(value.c_str(), 1, 100000, command.iterations))
+          return refuse("--iterations takes a whole number from 1 to 100000, or auto, not '" + value + "'");
+      } else if (name == "--background") {
+        char* end = nullptr;
+        command.background = std::strtod(value.c_str(), &end);
+        if (value.empty() || *end || !std::isfinite(command.background) || command.background < 0)
+          return refuse("--background takes a number of 0 or more, not '" + value + "'");
       } else if (name == "--quality") {
         if (!whole_number(value.c_str(), 1, 100, command.quality))
           return refuse("--quality takes a whole number from 1 to 100, not '" + value + "'");

@@ -14,6 +14,9 @@ struct RestoreCommand {
   int quality = 0;    // JPEG quality 1..100; 0: the input's, else 95
   bool align = true;
   bool exact = false;  // deconv's own engine
+  std::string method = "wiener";  // or "richardson-lucy"
+  int iterations = 0;             // richardson-lucy's; 0: until the data's noise
+  double background = 0;          // richardson-lucy's, in the input's own sample units
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
   std::string save_psf;  // where to keep the PSF used; empty: nowhere

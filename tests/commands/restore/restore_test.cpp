@@ -161,3 +161,23 @@ TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
 }
 
 }  // namespace
+
+namespace {
+
+// --method richardson-lucy: the command restores as the library does, with
+// the background given in the file's own counts.
+TEST_F(Restore, RichardsonLucyTakesItsBackgroundInTheFilesCounts) {
+  deconv::Image counts(64, 48, 1);
+  for (size_t i = 0; i < counts.pixels.size(); ++i) counts.pixels[i] = (100 + (i * 7919 % 400)) / 65535.0f;
+  write_picture(dir / "counts.tif", counts, SampleDepth::u16);
+  ASSERT_EQ(restore(dir, "--psf psf.png --method richardson-lucy --iterations 7 --background 100 --depth float "
+                         "counts.tif out.tif").first, 0);
+  deconv::RestoreOptions options;
+  options.method = "richardson-lucy", options.iterations = 7, options.background = 100 / 65535.0f;
+  const deconv::Image expected = deconv::restore(read_picture(dir / "counts.tif").image,
+                                                 read_picture(dir / "psf.png", SampleScale::raw).image, options);
+  EXPECT_EQ(read_picture(dir / "out.tif").image.pixels, expected.pixels);
+  EXPECT_EQ(restore(dir, "--psf psf.png --method blind counts.tif out.tif").first, 1);
+}
+
+}  // namespace
