@@ -1,7 +1,5 @@
 // The picture type of the public header, and the checks every entry makes on
 // the pictures it is given.
-#include <xmmintrin.h>
-
 #include <algorithm>
 #include <thread>
 
@@ -26,8 +24,6 @@ void require_picture(const Image& image, const char* const what) {
                 " samples, not width x height x depth x channels = " + std::to_string(samples));
 }
 
-DenormalsAsZero::DenormalsAsZero() : saved_(_mm_getcsr()) { _mm_setcsr(saved_ | 0x8040); }
-DenormalsAsZero::~DenormalsAsZero() { _mm_setcsr(saved_); }
 
 int worker_count(const int requested) {
   if (requested < 0) throw Error("the worker count is negative");

@@ -5,6 +5,7 @@
 #define DECONV_LIB_IMAGE_VIEWS_H
 
 #include "deconv/deconv.h"
+#include "spectral/workers.h"
 #include "imaging/cimg_config.h"
 
 // Helpers of the library's own, outside namespace deconv so that they are not
@@ -27,18 +28,9 @@ inline cimg_library::CImg<float> first_plane(const Image& psf) {
 // its sides 0. `what` names it in the message ("the picture", "the PSF").
 void require_picture(const Image& image, const char* what);
 
-// Sets flush-to-zero and denormals-are-zero for a scope, as deconv runs its
-// engine, and gives the caller's thread its own modes back afterwards.
-class DenormalsAsZero {
- public:
-  DenormalsAsZero();
-  ~DenormalsAsZero();
-  DenormalsAsZero(const DenormalsAsZero&) = delete;
-  DenormalsAsZero& operator=(const DenormalsAsZero&) = delete;
-
- private:
-  unsigned int saved_;
-};
+// Flush-to-zero and denormals-are-zero for a scope, as deconv runs its
+// engine and as the second engine runs every loop.
+using deconv::spectral::FlushDenormals;
 
 // The worker count to use: `requested`, or the machine's cores for 0.
 int worker_count(int requested);

@@ -78,7 +78,7 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   for (const float p : kernel.pixels)
     if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
   const int workers = worker_count(options.workers);
-  DenormalsAsZero denormals;
+  FlushDenormals denormals;
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
@@ -130,7 +130,7 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
   require_psf(psf);
   check_options(options);
   const int strength = strength_for(blurred, psf, options);
-  DenormalsAsZero denormals;
+  FlushDenormals denormals;
   Image result = restore_fast(blurred, normalized_kernel(psf), strength, worker_count(options.workers));
   finish(result, options, false);
   return result;
@@ -150,7 +150,7 @@ Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) 
   check_options(options);
   const int strength = strength_for(blurred, psf, options);
   const int workers = worker_count(options.workers);
-  DenormalsAsZero denormals;
+  FlushDenormals denormals;
   Image result;
   if (options.exact) {
     result = restore_exact(std::move(blurred), normalized_kernel(psf), strength, workers);
@@ -167,7 +167,7 @@ int choose_strength(const Image& blurred, const Image& psf, const bool compresse
   check_strength_inputs(blurred, psf);
   require_picture(blurred, "the picture");
   require_psf(psf);
-  DenormalsAsZero denormals;
+  FlushDenormals denormals;
   const int strength = choose_strength_fast(blurred, normalized_kernel(psf), worker_count(0));
   // A quarter more brings bench/strength_bench.cpp's JPEGs within 0.26 dB of
   // the best strength of a grid (half or twice more do no better), and leaves

@@ -4,6 +4,7 @@
 // Results are staged under a temporary name in the target's folder and
 // renamed over the target only once they are complete.
 #include "picture/picture_file.h"
+#include "picture/stack_file.h"
 
 #include <OpenImageIO/filesystem.h>
 #include <OpenImageIO/strutil.h>
@@ -117,8 +118,9 @@ void read_samples(OIIO::ImageInput& in, const std::string& path, const OIIO::Typ
   }
   for (int y = 0; y < header.height; y += band) {
     const int rows = std::min(band, header.height - y);
-    const bool read = header.tile_width ? in.read_image(0, 0, 0, header.nchannels, type, samples.data())
-                                        : in.read_scanlines(0, 0, header.y + y, header.y + y + rows, header.z, 0,
+    const int page = in.current_subimage();  // a stack's pages are read one after another
+    const bool read = header.tile_width ? in.read_image(page, 0, 0, header.nchannels, type, samples.data())
+                                        : in.read_scanlines(page, 0, header.y + y, header.y + y + rows, header.z, 0,
                                                             header.nchannels, type, samples.data());
     if (!read) cannot_read(path, first_line(in.geterror()));
     deinterleave(samples.data(), (size_t)y * header.width, (size_t)rows * header.width, header.nchannels, range, planes,
@@ -191,6 +193,60 @@ void require_memory(const std::string& path, const long width, const long height
   cannot_read(path, reason);
 }
 
+namespace {
+
+// The samples of the page `in` stands on, into `picture`'s planes.
+void read_page(OIIO::ImageInput& in, const std::string& path, const SampleScale scale, PictureFile& picture) {
+  const bool unit = scale == SampleScale::unit;
+  switch (depth_of(in.spec().format)) {
+    case SampleDepth::u8:
+      return read_samples<uint8_t>(in, path, OIIO::TypeDesc::UINT8, unit ? 255.0f : 0.0f, picture);
+    case SampleDepth::u16:
+      return read_samples<uint16_t>(in, path, OIIO::TypeDesc::UINT16, unit ? 65535.0f : 0.0f, picture);
+    case SampleDepth::f32:
+      return read_samples<float>(in, path, OIIO::TypeDesc::FLOAT, 0.0f, picture);
+  }
+}
+
+// A multi-page file of equal pages as a stack (picture/stack_file.h).
+void read_stack(OIIO::ImageInput& in, const std::string& path, const int pages, const SampleScale scale,
+                PictureFile& stack) {
+  const OIIO::ImageSpec first = stack.header;
+  const StackOrder order = stack_order(first);
+  if (order.channels > 1 && first.nchannels > 1)
+    cannot_read(path, "its pages hold several channels each and its description more channels across pages");
+  if (pages % order.channels)
+    cannot_read(path, std::to_string(pages) + " pages, not a whole number of planes of " +
+                          std::to_string(order.channels) + " channels");
+  const int planes = pages / order.channels, channels = order.channels * first.nchannels;
+  require_memory(path, first.width, (long)first.height * planes, channels);
+  stack.image = Image(first.width, first.height, planes, channels);
+  stack.depth = depth_of(first.format);
+  stack.header.erase_attribute("ImageDescription");  // the old stack's, wrong for any other
+  stack.header.alpha_channel = -1;
+  PictureFile page;
+  page.image = Image(first.width, first.height, first.nchannels);
+  const size_t plane = (size_t)first.width * first.height;
+  for (int p = 0; p < pages; ++p) {
+    if (!in.seek_subimage(p, 0)) cannot_read(path, "page " + std::to_string(p + 1) + " cannot be read");
+    const OIIO::ImageSpec& header = in.spec();
+    if (header.width != first.width || header.height != first.height || header.nchannels != first.nchannels ||
+        header.format != first.format || header.depth > 1)
+      cannot_read(path, "its pages differ: page " + std::to_string(p + 1) + " is " + std::to_string(header.width) +
+                            " x " + std::to_string(header.height) + " of " + std::to_string(header.nchannels) +
+                            " channels, page 1 " + std::to_string(first.width) + " x " +
+                            std::to_string(first.height) + " of " + std::to_string(first.nchannels));
+    read_page(in, path, scale, page);
+    const int z = order.channel_fastest ? p / order.channels : p % planes;
+    const int c = order.channel_fastest ? p % order.channels : p / planes;
+    for (int k = 0; k < first.nchannels; ++k)
+      std::copy(page.image.pixels.begin() + k * plane, page.image.pixels.begin() + (k + 1) * plane,
+                stack.image.pixels.begin() + ((size_t)(c * first.nchannels + k) * planes + z) * plane);
+  }
+}
+
+}  // namespace
+
 PictureFile read_picture(const std::string& path, const SampleScale scale) {
   require_file(path);
   const CapturedStderr printed;  // outlives the reader, which prints as it closes
@@ -207,11 +263,12 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   const OIIO::ImageSpec& header = picture.header;
   if (header.width <= 0 || header.height <= 0 || header.nchannels <= 0) cannot_read(path, "the picture is empty");
   if (header.depth > 1) cannot_read(path, "a volume, not a picture");
-  // A stack's later pages would be lost without a word: refused until the
-  // commands restore stacks (the library and the Python module do).
-  if (in->seek_subimage(1, 0))
-    cannot_read(path, "a stack of pages; restore stacks with the library or the Python module (restore() "
-                      "takes a 3-D PSF)");
+  int pages = 1;
+  while (in->seek_subimage(pages, 0)) ++pages;
+  if (pages > 1) {
+    read_stack(*in, path, pages, scale, picture);
+    return picture;
+  }
   if (!in->seek_subimage(0, 0)) cannot_read(path, "its first page cannot be read again");
   require_memory(path, header.width, header.height, header.nchannels);
   // The alpha channel, if any, is the last one: colours stand before it.
@@ -535,8 +592,53 @@ void require_known_format(const std::string& path) {
   if (!OIIO::ImageOutput::create(path)) cannot_write(path, "no format for this name");
 }
 
+namespace {
+
+// A stack as TIFF pages of one channel each, channels fastest, with an ImageJ
+// description on the first: what tifffile and ImageJ read as (Z, Y, X) or
+// (Z, C, Y, X). Written under a staged name and renamed when complete.
+void write_stack(const std::string& path, const Image& stack, const SampleDepth depth, const PictureFile* like) {
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out || std::strcmp(out->format_name(), "tiff") || !out->supports("multiimage"))
+    cannot_write(path, "a stack of " + std::to_string(stack.depth) + " planes is written as TIFF (.tif)");
+  Image page(stack.width, stack.height, 1);
+  OIIO::ImageSpec header = spec_for(page, nullptr, depth, like);
+  header.erase_attribute("ImageDescription");
+  const int pages = stack.depth * stack.channels;
+  std::vector<OIIO::ImageSpec> headers(pages, header);
+  headers[0].attribute("ImageDescription", imagej_description(stack));
+  const size_t plane = (size_t)stack.width * stack.height;
+  std::string staged;
+  close(open_staged(path, staged));
+  try {
+    for (int p = 0; p < pages; ++p) {
+      const bool opened = p == 0 ? out->open(staged, pages, headers.data())
+                                 : out->open(staged, headers[p], OIIO::ImageOutput::AppendSubimage);
+      if (!opened) cannot_write(path, writer_error(out->geterror()));
+      const int z = p / stack.channels, c = p % stack.channels;
+      const auto from = stack.pixels.begin() + ((size_t)c * stack.depth + z) * plane;
+      std::copy(from, from + plane, page.pixels.begin());
+      if (!write_rows(*out, headers[p], page, nullptr)) cannot_write(path, writer_error(out->geterror()));
+    }
+    if (!out->close()) cannot_write(path, writer_error(out->geterror()));
+    struct stat status;
+    if (stat(staged.c_str(), &status) != 0 || (off_t)status.st_blocks * 512 < status.st_size)
+      cannot_write(path, "the file written is incomplete (is the disk full?)");
+    if (std::rename(staged.c_str(), path.c_str()) != 0) cannot_write(path, std::strerror(errno));
+  } catch (...) {
+    std::remove(staged.c_str());
+    throw;
+  }
+}
+
+}  // namespace
+
 void write_picture(const std::string& path, const Image& image, const SampleDepth depth, const PictureFile* like,
                    const Image* alpha, const int quality) {
+  if (image.depth > 1) {
+    const CapturedStderr printed;
+    return write_stack(path, image, depth, like);
+  }
   if (alpha && alpha->empty()) alpha = nullptr;
   const CapturedStderr printed;
   const int saved_at = quality > 0 ? quality : like && like->quality > 0 ? like->quality : 95;

@@ -28,7 +28,8 @@ struct PictureFile {
   int quality = 0;          // a JPEG's quality, where its tables tell it; 0 otherwise
 };
 
-// Reads the first subimage of `path`. Throws deconv::Error
+// Reads `path`: its first subimage, or every page of a multi-page file of
+// equal pages as a stack (picture/stack_file.h). Throws deconv::Error
 // "cannot read PATH: REASON", on one line, for a file that is missing, a
 // folder, empty, damaged, or larger than the machine's memory could hold (the
 // header is believed only that far). The decoders' own messages are kept off
@@ -55,6 +56,7 @@ void require_known_format(const std::string& path);
 // files are padded to whole 2880-byte records. The file is written under a temporary name beside `path` and
 // renamed over it only once complete: a failure leaves `path` as it was and
 // no temporary file behind. Throws deconv::Error "cannot write PATH: REASON".
+// A stack (depth above 1) is written as TIFF pages, nothing else.
 void write_picture(const std::string& path, const deconv::Image& image, SampleDepth depth,
                    const PictureFile* like = nullptr, const deconv::Image* alpha = nullptr, int quality = 0);
 

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "commands/face.h"
 #include "picture/picture_file.h"
 #include "psf/named.h"
 
@@ -30,14 +31,7 @@ const char* const usage =
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::fputs(usage, stdout);
-    return 0;
-  }
-  if (argc == 2 && !std::strcmp(argv[1], "--version")) {
-    std::printf("deconv-psf %s\n", DECONV_VERSION);
-    return 0;
-  }
+  if (const int answered = answer_help_or_version(argc, argv, "deconv-psf", usage); answered >= 0) return answered;
   if (argc < 3) {
     std::fprintf(stderr, "deconv-psf: needs %s, then OUTPUT (see deconv-psf --help)\n", psf_kinds);
     return 1;

@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "commands/face.h"
 #include "picture/picture_file.h"
 
 namespace {
@@ -27,14 +28,7 @@ const char* const usage =
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && (!std::strcmp(argv[1], "--help") || !std::strcmp(argv[1], "-h"))) {
-    std::fputs(usage, stdout);
-    return 0;
-  }
-  if (argc == 2 && !std::strcmp(argv[1], "--version")) {
-    std::printf("deconv-strength %s\n", DECONV_VERSION);
-    return 0;
-  }
+  if (const int answered = answer_help_or_version(argc, argv, "deconv-strength", usage); answered >= 0) return answered;
   if (argc != 3) {
     std::fprintf(stderr, "deconv-strength: needs INPUT and PSF (see deconv-strength --help)\n");
     return 1;

@@ -199,6 +199,52 @@ class Stacks(unittest.TestCase):
             self.assertIn(words, str(raised.exception))
 
 
+class StackFiles(unittest.TestCase):
+    """deconv-restore reads a multi-page TIFF as a stack, plain, ImageJ
+    hyperstack or OME as tifffile writes them, a bead stack as a 3-D PSF, and
+    writes every page back where tifffile finds them."""
+
+    def run_restore(self, *args):
+        return subprocess.run([RESTORE, "--workers", "1"] + list(args), capture_output=True, text=True)
+
+    def test_stacks_through_the_command(self):
+        import tifffile
+        rng = np.random.default_rng(7)
+        stack = rng.poisson(300, (5, 40, 48)).astype(np.uint16)
+        z, y, x = np.mgrid[-2:3, -3:4, -3:4]  # five planes: three would be taken for RGB
+        bead = (np.exp(-(x * x + y * y) / 2.0 - z * z / 2.0) * 60000).astype(np.uint16)
+        with tempfile.TemporaryDirectory() as work:
+            path = lambda name: os.path.join(work, name)
+            tifffile.imwrite(path("plain.tif"), stack)
+            tifffile.imwrite(path("bead.tif"), bead)
+            tifffile.imwrite(path("hyper.tif"), np.stack([stack[:3], stack[1:4]], axis=1), imagej=True)
+            tifffile.imwrite(path("ome.tif"), stack, ome=True, metadata={"axes": "ZYX"})
+            done = self.run_restore("--psf", path("bead.tif"), "--method", "richardson-lucy", "--iterations", "5",
+                                    "--depth", "float", path("plain.tif"), path("volume.tif"))
+            self.assertEqual(done.returncode, 0, done.stderr)
+            expected = deconv.restore(stack, bead.astype(np.float32), method="richardson-lucy", iterations=5,
+                                      workers=1)
+            np.testing.assert_array_equal(tifffile.imread(path("volume.tif")), expected)
+            for source, shape in [("hyper.tif", (3, 2, 40, 48)), ("ome.tif", (5, 40, 48))]:
+                with self.subTest(source):
+                    done = self.run_restore("--psf", "gaussian:1", "--strength", "10", path(source), path("out.tif"))
+                    self.assertEqual(done.returncode, 0, done.stderr)
+                    with tifffile.TiffFile(path("out.tif")) as written:
+                        self.assertTrue(written.is_imagej)
+                        self.assertEqual((written.asarray().shape, written.asarray().dtype), (shape, np.uint16))
+            with tifffile.TiffWriter(path("uneven.tif")) as uneven:
+                uneven.write(stack[0])
+                uneven.write(stack[1, :20])
+            for args, words in [([path("uneven.tif")], "its pages differ: page 2 is 48 x 20"),
+                                (["--psf", path("bead.tif"), path("plain.tif")], "richardson-lucy a 3-D one")]:
+                with self.subTest(words):
+                    done = self.run_restore(*(["--psf", "gaussian:1"] if len(args) == 1 else []), *args,
+                                            path("refused.tif"))
+                    self.assertEqual(done.returncode, 11)
+                    self.assertIn(words, done.stderr)
+                    self.assertFalse(os.path.exists(path("refused.tif")))
+
+
 class Errors(unittest.TestCase):
     def test_refusals_carry_the_message(self):
         blurred = np.full((32, 32), 0.5, np.float32)
