@@ -24,8 +24,8 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, int workers)
 // else every plane with the PSF's first. `psf` is normalised here (its
 // negative taps taken as 0). Returns the iterations the first plane or volume
 // ran.
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, int workers,
-                              int* iterations_run = nullptr);
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background,
+                              float total_variation, int workers, int* iterations_run = nullptr);
 
 }  // namespace libdeconv
 

@@ -82,7 +82,10 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, workers);
+  if (!(options.total_variation >= 0 && options.total_variation < 1))
+    throw Error("the total variation's weight must be from 0 to below 1");
+  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, options.total_variation,
+                                 workers);
 }
 
 // Every plane of a stack restored as a picture of its own.

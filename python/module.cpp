@@ -214,7 +214,7 @@ int workers_from(const py::object& workers) {
 
 // The method's own arguments.
 void method_from(const py::object& method, const py::object& iterations, const py::object& background,
-                 deconv::RestoreOptions& options) {
+                 const py::object& total_variation, deconv::RestoreOptions& options) {
   if (!py::isinstance<py::str>(method))
     throw deconv::Error("method must be \"wiener\" or \"richardson-lucy\", not " + short_repr(method));
   options.method = method.cast<std::string>();
@@ -228,15 +228,18 @@ void method_from(const py::object& method, const py::object& iterations, const p
   if (!py::isinstance<py::int_>(background) && !py::isinstance<py::float_>(background))
     throw deconv::Error("background must be a number, not " + short_repr(background));
   options.background = background.cast<float>();
+  if (!py::isinstance<py::int_>(total_variation) && !py::isinstance<py::float_>(total_variation))
+    throw deconv::Error("total_variation must be a number, not " + short_repr(total_variation));
+  options.total_variation = total_variation.cast<float>();
 }
 
 py::object restore(const py::object& image, const py::object& psf, const py::object& strength,
                    const py::object& align, const py::object& workers, const py::object& compressed,
                    const py::object& repair_nonfinite, const py::object& subtract_psf_background,
                    const py::object& exact, const py::object& method, const py::object& iterations,
-                   const py::object& background, const py::object& channel_axis) {
+                   const py::object& background, const py::object& channel_axis, const py::object& total_variation) {
   deconv::RestoreOptions options;
-  method_from(method, iterations, background, options);
+  method_from(method, iterations, background, total_variation, options);
   options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
   options.workers = workers_from(workers);
@@ -366,6 +369,7 @@ TypeError) with a one-line message.
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
         py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
         py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("channel_axis") = "auto",
+        py::arg("total_variation") = 0.0,
         R"(Restores a blurred picture, or a stack, whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
@@ -383,6 +387,8 @@ iterations  richardson-lucy's iterations; None stops where the fit to the
           data is as close as their noise allows.
 background  richardson-lucy: what every sample holds besides the object's
           light (camera offset, sky), in the picture's units.
+total_variation  richardson-lucy: the weight of a total-variation prior
+          for noisy data (Dey et al. 2006), 0 to about 0.02.
 channel_axis  "auto": a 3-D array's last axis holds channels (at most
           four; more is refused as probably a stack); None: no channels;
           an axis: the channels are there.

@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
     options.exact = command.exact;
     options.method = command.method;
     options.iterations = command.iterations;
+    options.total_variation = (float)command.total_variation;
     // The picture's samples are scaled by their file's range; so is the background.
     options.background = (float)(command.background / (picture.depth == SampleDepth::u8    ? 255.0
                                                         : picture.depth == SampleDepth::u16 ? 65535.0

@@ -38,6 +38,8 @@ const char* const help =
     "  --background X              richardson-lucy: the counts every sample holds\n"
     "                              besides the light (camera offset, sky), in the\n"
     "                              input's own units (default 0)\n"
+    "  --total-variation W         richardson-lucy: a total-variation prior of this\n"
+    "                              weight for noisy data, 0 (default) to about 0.02\n"
     "  --exact                     restore on deconv's own engine: with --depth 8\n"
     "                              --no-align, deconv's very pixels (slower)\n"
     "  --help, --version\n"
@@ -98,7 +100,8 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       const size_t equals = arg.find('=');
       const std::string name = arg.substr(0, equals);
       if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--quality" &&
-          name != "--save-psf" && name != "--method" && name != "--iterations" && name != "--background")
+          name != "--save-psf" && name != "--method" && name != "--iterations" && name != "--background" &&
+          name != "--total-variation")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -128,6 +131,11 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
           command.iterations = 0;
         else if (!whole_number(value.c_str(), 1, 100000, command.iterations))
           return refuse("--iterations takes a whole number from 1 to 100000, or auto, not '" + value + "'");
+      } else if (name == "--total-variation") {
+        char* end = nullptr;
+        command.total_variation = std::strtod(value.c_str(), &end);
+        if (value.empty() || *end || !(command.total_variation >= 0 && command.total_variation < 1))
+          return refuse("--total-variation takes a number from 0 to below 1, not '" + value + "'");
       } else if (name == "--background") {
         char* end = nullptr;
         command.background = std::strtod(value.c_str(), &end);

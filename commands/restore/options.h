@@ -17,6 +17,7 @@ struct RestoreCommand {
   std::string method = "wiener";  // or "richardson-lucy"
   int iterations = 0;             // richardson-lucy's; 0: until the data's noise
   double background = 0;          // richardson-lucy's, in the input's own sample units
+  double total_variation = 0;     // richardson-lucy's prior's weight
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
   std::string save_psf;  // where to keep the PSF used; empty: nowhere

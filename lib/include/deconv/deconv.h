@@ -80,6 +80,9 @@ struct RestoreOptions {
   // richardson-lucy: what every sample holds besides the object's light
   // (camera offset, sky), in the picture's units.
   float background = 0;
+  // richardson-lucy: the weight of a total-variation prior for noisy data,
+  // 0 (none) to about 0.02; larger flattens detail.
+  float total_variation = 0;
 
   // Samples of the picture that are not finite (NaN, infinite) are refused,
   // naming their count and the first one; with repair_nonfinite each is
