@@ -10,6 +10,9 @@
 //   edge_taper.cpp     the borders blended towards the blurred picture
 //   wiener.cpp         the generalised Wiener filter
 //
+// Richardson-Lucy (richardson_lucy.h) prepares a problem of its own, on a
+// grid wider than the picture.
+//
 // Nothing here knows about files, options or the library's types.
 #ifndef DECONV_FAST_PROBLEM_H
 #define DECONV_FAST_PROBLEM_H
