@@ -61,6 +61,28 @@ double number_or(const std::map<std::string, std::string>& cards, const std::str
   return number(cards, keyword, value) ? value : fallback;
 }
 
+// A card's string value ('text', a quote written twice inside, trailing
+// blanks not counted); false for any other value.
+bool quoted(const std::string& value, std::string& text) {
+  const size_t open = value.find_first_not_of(' ');
+  if (open == std::string::npos || value[open] != '\'') return false;
+  text.clear();
+  for (size_t i = open + 1; i < value.size(); ++i) {
+    if (value[i] != '\'') {
+      text += value[i];
+      continue;
+    }
+    if (i + 1 < value.size() && value[i + 1] == '\'') {
+      text += '\'';
+      ++i;
+      continue;
+    }
+    text.erase(text.find_last_not_of(' ') + 1);
+    return true;
+  }
+  return false;
+}
+
 // Cards that describe the array itself, not the picture.
 bool structural(const std::string& keyword) {
   return keyword == "SIMPLE" || keyword == "BITPIX" || keyword.rfind("NAXIS", 0) == 0 || keyword == "BZERO" ||
@@ -145,7 +167,11 @@ bool read_fits(const std::string& path, const SampleScale scale, PictureFile& pi
                                                                        : OIIO::TypeDesc::FLOAT);
   for (const auto& [keyword, value] : cards) {
     double v;
-    if (!structural(keyword) && value.find('\'') == std::string::npos && number(cards, keyword, v))
+    std::string text;
+    if (structural(keyword)) continue;
+    if (quoted(value, text))
+      picture.header.attribute(keyword, text);
+    else if (number(cards, keyword, v))
       picture.header.attribute(keyword, (float)v);
   }
   picture.image = Image(width, height, channels);
@@ -164,6 +190,24 @@ namespace {
 void put_card(std::string& text, const std::string& keyword, const std::string& value) {
   char line[card + 1];
   std::snprintf(line, sizeof line, "%-8.8s= %20.20s", keyword.c_str(), value.c_str());
+  text += line;
+  text.append(card - std::strlen(line), ' ');
+}
+
+// KEYWORD = 'text': quotes inside written twice, at least 8 characters
+// between the quotes, as much of the text as a card holds.
+void put_string_card(std::string& text, const std::string& keyword, const std::string& value) {
+  std::string quoted = "'";
+  for (const char c : value) {
+    if (c < ' ' || c > '~') continue;  // FITS cards hold printable ASCII only
+    if (quoted.size() + (c == '\'' ? 2 : 1) > card - 11) break;
+    quoted += c;
+    if (c == '\'') quoted += c;
+  }
+  while (quoted.size() < 9) quoted += ' ';
+  quoted += '\'';
+  char line[card + 1];
+  std::snprintf(line, sizeof line, "%-8.8s= %s", keyword.c_str(), quoted.c_str());
   text += line;
   text.append(card - std::strlen(line), ' ');
 }
@@ -203,9 +247,9 @@ std::vector<unsigned char> fits_bytes(const OIIO::ImageSpec& header, const Image
       std::snprintf(value, sizeof value, "%d", p.get_int());
     else if (p.type() == OIIO::TypeDesc::FLOAT)
       std::snprintf(value, sizeof value, "%.9G", p.get_float());
-    else
-      continue;
-    put_card(text, name, value);
+    else if (p.type() == OIIO::TypeDesc::STRING)
+      put_string_card(text, name, p.get_string());
+    if (p.type() == OIIO::TypeDesc::INT || p.type() == OIIO::TypeDesc::FLOAT) put_card(text, name, value);
   }
   text += "END";
   text.append((record - text.size() % record) % record, ' ');

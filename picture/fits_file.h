@@ -13,13 +13,14 @@
 // Reads `path` if it starts as a FITS file does ("SIMPLE  ="): a plane of
 // NAXIS1 x NAXIS2 samples, or NAXIS3 planes of them, the first row at the
 // bottom. BITPIX 8 is 8-bit, 16 with BZERO 32768 16-bit, anything else float
-// (BSCALE and BZERO applied). Numeric cards go to the header. False, with
+// (BSCALE and BZERO applied). Numeric and string cards go to the header
+// (not COMMENT and HISTORY). False, with
 // nothing read, for other files; throws deconv::Error "cannot read PATH:
 // REASON" for a FITS file that is damaged or too large.
 bool read_fits(const std::string& path, SampleScale scale, PictureFile& picture);
 
-// The whole FITS file of `header` (its size, depth and the numeric
-// attributes named as FITS keywords) and the planes of `image` and `alpha`:
+// The whole FITS file of `header` (its size, depth and the numeric and
+// string attributes named as FITS keywords) and the planes of `image` and `alpha`:
 // header and data each padded to 2880-byte records.
 std::vector<unsigned char> fits_bytes(const OIIO::ImageSpec& header, const deconv::Image& image,
                                       const deconv::Image* alpha);

@@ -133,6 +133,20 @@ TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
 
 }  // namespace
 
+// An astronomer's cards, numbers and names, go over to the restored file.
+TEST_F(RestoredFile, FitsKeepsItsHeaderCards) {
+  ASSERT_EQ(shell("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
+                  "h = fits.PrimaryHDU(np.random.default_rng(1).random((23, 31)).astype(np.float32))\n"
+                  "h.header[\"OBJECT\"] = \"M 31\"; h.header[\"OBSERVER\"] = \"O\\x27Neil\"; h.header[\"EXPTIME\"] = 30.5\n"
+                  "h.writeto(\"" + (dir / "sky.fits") + "\")'").first, 0);
+  ASSERT_EQ(restore("--depth float sky.fits out.fits"), 0);
+  const auto [status, said] = shell("/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\n"
+                                    "h = fits.getheader(sys.argv[1]); print(h[\"OBJECT\"], h[\"OBSERVER\"], h[\"EXPTIME\"])' '" +
+                                    (dir / "out.fits") + "'");
+  EXPECT_EQ(status, 0) << said;
+  EXPECT_EQ(said, "M 31 O'Neil 30.5\n");
+}
+
 // FITS against astropy sample by sample, both ways: the first row of the file
 // is the picture's bottom row, planes follow one another, and 16 bits carry
 // BZERO. A picture of 3 x 2 pixels and 2 planes, each sample its own value.
