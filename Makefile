@@ -42,8 +42,8 @@ sanitize: setup
 	@cmake --build $(BUILD)-asan -j $(JOBS) --target $(UNIT_TESTS)
 	@cd $(BUILD)-asan && ctest --output-on-failure -j $(JOBS) -E '^(batch|packaging|python)\.|fuzzer|^Evaluation\.'
 	@cmake -S . -B $(BUILD)-tsan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DDECONV_SANITIZE=thread >/dev/null
-	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv spectral_tests engine_tests tool_tests library_tests
-	@cd $(BUILD)-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Fft|Engine|Runs|PinnedResults|Library)\.'
+	@cmake --build $(BUILD)-tsan -j $(JOBS) --target deconv spectral_tests engine_tests fast_tests tool_tests library_tests
+	@cd $(BUILD)-tsan && ctest --output-on-failure -j $(JOBS) -R '^(Fft|RealFft|Engine|Engines|RichardsonLucy|Runs|PinnedResults|Library)[./]'
 
 # libFuzzer (clang) over deconv's native readers, the commands' picture reader
 # (OpenImageIO's formats, PNM and FITS) and the PSF's preparation, a
