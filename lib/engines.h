@@ -21,10 +21,11 @@ Image restore_fast(const Image& blurred, const Image& kernel, int strength, int 
 int choose_strength_fast(const Image& blurred, const Image& kernel, int workers);
 
 // Richardson-Lucy on the second engine: with a 3-D PSF the stack as a volume,
-// else every plane with the PSF's first. `psf` is normalised here (its
+// else every plane with the PSF's first; `accelerate`: Biggs and Andrews'
+// extrapolation. `psf` is normalised here (its
 // negative taps taken as 0). Returns the iterations the first plane or volume
 // ran.
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, int workers,
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, bool accelerate, int workers,
                               int* iterations_run = nullptr);
 
 }  // namespace libdeconv

@@ -51,7 +51,7 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, const int wo
   return weigh_picture(problem, blurred.pixels.data(), blurred.channels, pool).strength();
 }
 
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int iterations, const float background,
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int iterations, const float background, const bool accelerate,
                               const int workers, int* const iterations_run) {
   const bool volume = psf.depth > 1;
   if (volume && psf.depth > blurred.depth)
@@ -74,6 +74,7 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int 
   RichardsonLucyOptions options;
   options.iterations = iterations;
   options.background = background;
+  options.accelerate = accelerate;
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
   for (size_t b = 0; b < blocks; ++b) {
     const RichardsonLucyResult run = richardson_lucy(blurred.pixels.data() + b * block, result.pixels.data() + b * block,

@@ -8,6 +8,7 @@
 #include "lib/checks.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
+#include "lib/tiles.h"
 
 namespace deconv {
 
@@ -82,7 +83,7 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, workers);
+  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, options.accelerate, workers);
 }
 
 // Every plane of a stack restored as a picture of its own.
@@ -119,6 +120,7 @@ std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, c
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) return std::move(*tiled);
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
   int x = 0, y = 0, c = 0;
   // The exact engine restores in the picture's planes, and a repair changes
@@ -138,6 +140,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) {
+    blurred = Image();
+    return std::move(*tiled);
+  }
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) {
     blurred = Image();
     return std::move(*restored);

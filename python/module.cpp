@@ -214,7 +214,7 @@ int workers_from(const py::object& workers) {
 
 // The method's own arguments.
 void method_from(const py::object& method, const py::object& iterations, const py::object& background,
-                 deconv::RestoreOptions& options) {
+                 const py::object& accelerate, deconv::RestoreOptions& options) {
   if (!py::isinstance<py::str>(method))
     throw deconv::Error("method must be \"wiener\" or \"richardson-lucy\", not " + short_repr(method));
   options.method = method.cast<std::string>();
@@ -228,15 +228,16 @@ void method_from(const py::object& method, const py::object& iterations, const p
   if (!py::isinstance<py::int_>(background) && !py::isinstance<py::float_>(background))
     throw deconv::Error("background must be a number, not " + short_repr(background));
   options.background = background.cast<float>();
+  options.accelerate = flag_from(accelerate, "accelerate");
 }
 
 py::object restore(const py::object& image, const py::object& psf, const py::object& strength,
                    const py::object& align, const py::object& workers, const py::object& compressed,
                    const py::object& repair_nonfinite, const py::object& subtract_psf_background,
                    const py::object& exact, const py::object& method, const py::object& iterations,
-                   const py::object& background, const py::object& channel_axis) {
+                   const py::object& background, const py::object& accelerate, const py::object& channel_axis) {
   deconv::RestoreOptions options;
-  method_from(method, iterations, background, options);
+  method_from(method, iterations, background, accelerate, options);
   options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
   options.workers = workers_from(workers);
@@ -365,7 +366,8 @@ TypeError) with a one-line message.
   m.def("restore", &restore, py::arg("image"), py::arg("psf"), py::arg("strength") = "auto", py::arg("align") = true,
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
         py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
-        py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("channel_axis") = "auto",
+        py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("accelerate") = true,
+        py::arg("channel_axis") = "auto",
         R"(Restores a blurred picture, or a stack, whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
@@ -383,6 +385,10 @@ iterations  richardson-lucy's iterations; None stops where the fit to the
           data is as close as their noise allows.
 background  richardson-lucy: what every sample holds besides the object's
           light (camera offset, sky), in the picture's units.
+accelerate  richardson-lucy: extrapolate the iterations (Biggs & Andrews).
+          Its step is measured on the whole array, so blocks of a volume
+          (dask's map_overlap) restore as the whole only with
+          accelerate=False and a fixed number of iterations.
 channel_axis  "auto": a 3-D array's last axis holds channels (at most
           four; more is refused as probably a stack); None: no channels;
           an axis: the channels are there.

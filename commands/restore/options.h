@@ -17,6 +17,8 @@ struct RestoreCommand {
   std::string method = "wiener";  // or "richardson-lucy"
   int iterations = 0;             // richardson-lucy's; 0: until the data's noise
   double background = 0;          // richardson-lucy's, in the input's own sample units
+  bool accelerate = true;         // richardson-lucy's extrapolation
+  int memory = 0;                 // MiB of working memory; 0: no limit
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
   std::string save_psf;  // where to keep the PSF used; empty: nowhere
