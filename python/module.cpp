@@ -5,6 +5,7 @@
 // works: its calls share nothing, so threads may call at once.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <pybind11/eval.h>
 #include <pybind11/stl.h>
 
 #include <climits>
@@ -464,4 +465,23 @@ restore(), and the blur in draw_psf()'s words where a model was fitted.
     >>> psf, found = deconv.estimate_psf(photo)          # doctest: +SKIP
 )");
 #endif
+
+  // pickle, and so dask and multiprocessing, send a function by its module
+  // and name, but a pybind11 function's `self` is a capsule that cannot be
+  // pickled: each is wrapped in a plain Python function of the same name,
+  // its docstring and signature, which pickles as a reference.
+  py::dict scope;
+  scope["module"] = m;
+  py::exec(R"(
+import functools
+for name in [n for n in ("restore", "choose_strength", "draw_psf", "estimate_psf") if hasattr(module, n)]:
+    def by_name(function=getattr(module, name)):
+        @functools.wraps(function)
+        def call(*args, **kwargs):
+            return function(*args, **kwargs)
+        call.__qualname__ = call.__name__  # pybind11's is "PyCapsule.<name>"
+        return call
+    setattr(module, name, by_name())
+)",
+           scope);
 }
