@@ -31,6 +31,10 @@ struct RichardsonLucyOptions {
   float background = 0;
   // Vector extrapolation of the iterations.
   bool accelerate = true;
+  // The flat object the iterations start from; 0: the data's mean less the
+  // background. A part of a picture restored on its own starts from the
+  // whole's level, where it is to match the whole.
+  float start = 0;
   // Told after every iteration: its number and the object so far (the data's
   // grid), for evaluations that follow the iterations.
   std::function<void(int iteration, const float* object)> each_iteration;

@@ -24,9 +24,10 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, int workers)
 // else every plane with the PSF's first; `accelerate`: Biggs and Andrews'
 // extrapolation. `psf` is normalised here (its
 // negative taps taken as 0). Returns the iterations the first plane or volume
-// ran.
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, bool accelerate, int workers,
-                              int* iterations_run = nullptr);
+// ran. `starts`: each volume's or plane's flat start, channel by channel
+// (none: each its own data's mean less the background).
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background, bool accelerate,
+                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {});
 
 }  // namespace libdeconv
 

@@ -70,14 +70,11 @@ void finish(Image& result, const RestoreOptions& options, const bool from_exact)
 
 // Richardson-Lucy, behind the checks every restoration makes.
 Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreOptions& options) {
-  if (options.exact) throw Error("deconv's own engine has the Wiener filter only, not richardson-lucy");
-  if (options.iterations < 0) throw Error("the iterations are negative");
   require_picture(psf, "the PSF");
   repair_where_asked(blurred, options);
   const std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options);
   const Image& kernel = checked ? checked->psf : psf;
-  for (const float p : kernel.pixels)
-    if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
+  check_richardson_lucy(options, kernel);
   const int workers = worker_count(options.workers);
   FlushDenormals denormals;
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)

@@ -8,6 +8,7 @@
 #include <cmath>
 
 #include "lib/checks.h"
+#include "lib/engines.h"
 #include "lib/image_views.h"
 #include "lib/tiles.h"
 #include "spectral/real_fft.h"
@@ -172,6 +173,19 @@ std::optional<Image> restore_in_tiles(const Image& blurred, const Image& psf, co
     each.strength = deconv::choose_strength(cut(*whole, middle), kernel, options.compressed);
   }
 
+  // Richardson-Lucy's tiles start from the whole's level: each volume's (or
+  // plane's) mean less the background, not their own part's.
+  std::vector<float> starts;
+  if (plan.richardson_lucy) {
+    check_richardson_lucy(options, kernel);
+    const size_t block = (size_t)blurred.width * blurred.height * (plan.volume ? blurred.depth : 1);
+    for (size_t b = 0; b < whole->pixels.size() / block; ++b) {
+      double sum = 0;
+      for (size_t i = b * block; i < (b + 1) * block; ++i) sum += whole->pixels[i];
+      starts.push_back((float)std::max(1e-6, sum / block - options.background));
+    }
+  }
+
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
   const int tiles = plan.count[0] * plan.count[1] * plan.count[2];
   if (options.notice) {
@@ -190,8 +204,18 @@ std::optional<Image> restore_in_tiles(const Image& blurred, const Image& psf, co
           from.end[a] = std::min(plan.sizes[a], keep.end[a] + plan.overlap[a]);
         }
         each.notice = index == std::array<int, 3>{} ? options.notice : nullptr;  // said once
-        const Image part = deconv::restore(cut(*whole, from), kernel, each);
-        paste(part, from, keep, result);
+        if (!plan.richardson_lucy) {
+          paste(deconv::restore(cut(*whole, from), kernel, each), from, keep, result);
+          continue;
+        }
+        std::vector<float> tile_starts;
+        for (int c = 0; c < blurred.channels; ++c)
+          for (int z = from.begin[0]; z < (plan.volume ? from.begin[0] + 1 : from.end[0]); ++z)
+            tile_starts.push_back(starts[plan.volume ? c : (size_t)c * blurred.depth + z]);
+        FlushDenormals denormals;
+        paste(restore_richardson_lucy(cut(*whole, from), kernel, options.iterations, options.background,
+                                      options.accelerate, worker_count(options.workers), nullptr, tile_starts),
+              from, keep, result);
       }
   return result;
 }

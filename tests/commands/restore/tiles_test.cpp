@@ -68,7 +68,7 @@ TEST(Tiles, StackRestoresAsTheWhole) {
   deconv::Image psf;
   write_picture(dir / "stack.tif", bead_stack(psf), SampleDepth::u16);
   write_picture(dir / "bead.tif", psf, SampleDepth::f32);
-  const std::string common = " --psf bead.tif --method richardson-lucy --iterations 20 --no-accelerate --depth float ";
+  const std::string common = " --psf bead.tif --method richardson-lucy --iterations 20 --no-accelerate --background 10 --depth float ";
   const auto run = [&](const std::string& args) {
     return shell("cd '" + dir.path + "' && " + restore_binary + common + args);
   };
