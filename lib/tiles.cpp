@@ -23,10 +23,11 @@ size_t offset(const Image& image, int x, int y, int z, int c) {
 }
 
 // Working bytes a sample of one restoration takes beyond the picture and its
-// result, measured as the peak resident memory of calls on 2 to 50
-// megasamples (bench/tile_footprint.py): Richardson-Lucy's seven arrays and
-// two spectra on its extended grid; the filter's spectra and taper on the
-// picture's own. A tile's own copy and its result add 8 bytes a sample.
+// result: bench/tile_footprint.py measures the peak resident memory of calls
+// on 2 to 17 megasamples, 40 to 41 for Richardson-Lucy's seven arrays and two
+// spectra on its extended grid, 8.5 to 9.5 for the filter's spectra and taper
+// on the picture's own, 33 for deconv's engine; these are rounded up. A
+// tile's own copy and its result add 8 bytes a sample.
 constexpr double richardson_lucy_bytes = 42, wiener_bytes = 12, exact_bytes = 36, tile_copy_bytes = 8;
 
 // How many PSF extents a tile reaches beyond the samples it keeps, measured
