@@ -36,9 +36,9 @@ constexpr double richardson_lucy_bytes = 42, wiener_bytes = 12, exact_bytes = 36
 // edge taper blends a band of about twice the PSF and a margin along every
 // edge of what it restores: on a photograph under a Gaussian of sigma 2, one
 // extent leaves 4e-2 of the range in the kept samples, two and three 6e-4,
-// four 1.3e-4 (and nothing further than 30 samples from the picture's edges). Richardson-Lucy reaches a PSF further each
-// iteration, but what it reaches fades fast: two extents leave 1e-5 after 20
-// iterations.
+// four 1.3e-4 (and nothing further than 30 samples from the picture's
+// edges). Richardson-Lucy reaches a PSF further each iteration, but what it
+// reaches fades fast: two extents leave 1e-5 after 20 iterations.
 constexpr int wiener_overlap_extents = 4, richardson_lucy_overlap_extents = 2;
 
 struct Box {
