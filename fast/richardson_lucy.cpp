@@ -231,7 +231,8 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
     for (size_t x = 0; x < e.width; ++x) s += data[r * e.width + x];
     return s;
   });
-  const float start = (float)std::max(1e-6, data_sum / data_samples - options.background);
+  const float start =
+      options.start > 0 ? options.start : (float)std::max(1e-6, data_sum / data_samples - options.background);
   RealArray x(n), previous(n), step(n), last_step(n), predicted(n);
   for (size_t i = 0; i < n; ++i) x[i] = weight[i] > 0 ? start : 0.0f;
   predicted = x;

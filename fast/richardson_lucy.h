@@ -35,6 +35,10 @@ struct RichardsonLucyOptions {
   // The weight of a total-variation prior (Dey et al. 2006), for noisy data:
   // 0 (none) to about 0.02; larger flattens detail.
   float total_variation = 0;
+  // The flat object the iterations start from; 0: the data's mean less the
+  // background. A part of a picture restored on its own starts from the
+  // whole's level, where it is to match the whole.
+  float start = 0;
   // Told after every iteration: its number and the object so far (the data's
   // grid), for evaluations that follow the iterations.
   std::function<void(int iteration, const float* object)> each_iteration;

@@ -193,4 +193,13 @@ void check_strength_inputs(const Image& blurred, const Image& psf) {
     throw Error(on_background(psf_pedestal(psf)) + ": subtract the background first");
 }
 
+void check_richardson_lucy(const RestoreOptions& options, const Image& kernel) {
+  if (options.exact) throw Error("deconv's own engine has the Wiener filter only, not richardson-lucy");
+  if (options.iterations < 0) throw Error("the iterations are negative");
+  if (!(options.total_variation >= 0 && options.total_variation < 1))
+    throw Error("the total variation's weight must be from 0 to below 1");
+  for (const float p : kernel.pixels)
+    if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
+}
+
 }  // namespace libdeconv

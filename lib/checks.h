@@ -48,6 +48,10 @@ void repair_where_asked(Image& blurred, const RestoreOptions& options);
 std::optional<CheckedInputs> check_restore_inputs(const Image& blurred, const Image& psf,
                                                   const RestoreOptions& options);
 
+// Richardson-Lucy's own refusals: deconv's engine asked for, negative
+// iterations, a PSF (once checked) with values that are not finite.
+void check_richardson_lucy(const RestoreOptions& options, const Image& kernel);
+
 // choose_strength()'s inputs: what restore() refuses, and a picture whose
 // channels each hold one value throughout.
 void check_strength_inputs(const Image& blurred, const Image& psf);

@@ -21,11 +21,14 @@ Image restore_fast(const Image& blurred, const Image& kernel, int strength, int 
 int choose_strength_fast(const Image& blurred, const Image& kernel, int workers);
 
 // Richardson-Lucy on the second engine: with a 3-D PSF the stack as a volume,
-// else every plane with the PSF's first. `psf` is normalised here (its
+// else every plane with the PSF's first; `accelerate`: Biggs and Andrews'
+// extrapolation. `psf` is normalised here (its
 // negative taps taken as 0). Returns the iterations the first plane or volume
-// ran.
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, int iterations, float background,
-                              float total_variation, int workers, int* iterations_run = nullptr);
+// ran. `starts`: each volume's or plane's flat start, channel by channel
+// (none: each its own data's mean less the background). The options'
+// iterations, background, accelerate and total_variation are its own.
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options,
+                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {});
 
 }  // namespace libdeconv
 

@@ -51,8 +51,8 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, const int wo
   return weigh_picture(problem, blurred.pixels.data(), blurred.channels, pool).strength();
 }
 
-Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int iterations, const float background,
-                              const float total_variation, const int workers, int* const iterations_run) {
+Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
+                              const int workers, int* const iterations_run, const std::vector<float>& starts) {
   const bool volume = psf.depth > 1;
   if (volume && psf.depth > blurred.depth)
     throw Error("the PSF has " + std::to_string(psf.depth) + " planes and the picture " +
@@ -72,11 +72,13 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const int 
 
   Workers pool(workers);
   RichardsonLucyOptions options;
-  options.iterations = iterations;
-  options.background = background;
-  options.total_variation = total_variation;
+  options.iterations = settings.iterations;
+  options.background = settings.background;
+  options.accelerate = settings.accelerate;
+  options.total_variation = settings.total_variation;
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
   for (size_t b = 0; b < blocks; ++b) {
+    if (b < starts.size()) options.start = starts[b];
     const RichardsonLucyResult run = richardson_lucy(blurred.pixels.data() + b * block, result.pixels.data() + b * block,
                                                      sizes, kernel.data(), psf_sizes, options, pool);
     if (b == 0 && iterations_run) *iterations_run = run.iterations;

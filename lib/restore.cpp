@@ -8,6 +8,7 @@
 #include "lib/checks.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
+#include "lib/tiles.h"
 
 namespace deconv {
 
@@ -69,23 +70,17 @@ void finish(Image& result, const RestoreOptions& options, const bool from_exact)
 
 // Richardson-Lucy, behind the checks every restoration makes.
 Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreOptions& options) {
-  if (options.exact) throw Error("deconv's own engine has the Wiener filter only, not richardson-lucy");
-  if (options.iterations < 0) throw Error("the iterations are negative");
   require_picture(psf, "the PSF");
   repair_where_asked(blurred, options);
   const std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options);
   const Image& kernel = checked ? checked->psf : psf;
-  for (const float p : kernel.pixels)
-    if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
+  check_richardson_lucy(options, kernel);
   const int workers = worker_count(options.workers);
   FlushDenormals denormals;
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  if (!(options.total_variation >= 0 && options.total_variation < 1))
-    throw Error("the total variation's weight must be from 0 to below 1");
-  return restore_richardson_lucy(blurred, kernel, options.iterations, options.background, options.total_variation,
-                                 workers);
+  return restore_richardson_lucy(blurred, kernel, options, workers);
 }
 
 // Every plane of a stack restored as a picture of its own.
@@ -122,6 +117,7 @@ std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, c
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) return std::move(*tiled);
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
   int x = 0, y = 0, c = 0;
   // The exact engine restores in the picture's planes, and a repair changes
@@ -141,6 +137,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) {
+    blurred = Image();
+    return std::move(*tiled);
+  }
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) {
     blurred = Image();
     return std::move(*restored);

@@ -5,6 +5,7 @@
 // works: its calls share nothing, so threads may call at once.
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
+#include <pybind11/eval.h>
 #include <pybind11/stl.h>
 
 #include <climits>
@@ -214,7 +215,8 @@ int workers_from(const py::object& workers) {
 
 // The method's own arguments.
 void method_from(const py::object& method, const py::object& iterations, const py::object& background,
-                 const py::object& total_variation, deconv::RestoreOptions& options) {
+                 const py::object& total_variation, const py::object& accelerate,
+                 deconv::RestoreOptions& options) {
   if (!py::isinstance<py::str>(method))
     throw deconv::Error("method must be \"wiener\" or \"richardson-lucy\", not " + short_repr(method));
   options.method = method.cast<std::string>();
@@ -231,15 +233,17 @@ void method_from(const py::object& method, const py::object& iterations, const p
   if (!py::isinstance<py::int_>(total_variation) && !py::isinstance<py::float_>(total_variation))
     throw deconv::Error("total_variation must be a number, not " + short_repr(total_variation));
   options.total_variation = total_variation.cast<float>();
+  options.accelerate = flag_from(accelerate, "accelerate");
 }
 
 py::object restore(const py::object& image, const py::object& psf, const py::object& strength,
                    const py::object& align, const py::object& workers, const py::object& compressed,
                    const py::object& repair_nonfinite, const py::object& subtract_psf_background,
                    const py::object& exact, const py::object& method, const py::object& iterations,
-                   const py::object& background, const py::object& channel_axis, const py::object& total_variation) {
+                   const py::object& background, const py::object& accelerate, const py::object& channel_axis,
+                   const py::object& total_variation) {
   deconv::RestoreOptions options;
-  method_from(method, iterations, background, total_variation, options);
+  method_from(method, iterations, background, total_variation, accelerate, options);
   options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
   options.workers = workers_from(workers);
@@ -368,8 +372,8 @@ TypeError) with a one-line message.
   m.def("restore", &restore, py::arg("image"), py::arg("psf"), py::arg("strength") = "auto", py::arg("align") = true,
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
         py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
-        py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("channel_axis") = "auto",
-        py::arg("total_variation") = 0.0,
+        py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("accelerate") = true,
+        py::arg("channel_axis") = "auto", py::arg("total_variation") = 0.0,
         R"(Restores a blurred picture, or a stack, whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
@@ -387,6 +391,10 @@ iterations  richardson-lucy's iterations; None stops where the fit to the
           data is as close as their noise allows.
 background  richardson-lucy: what every sample holds besides the object's
           light (camera offset, sky), in the picture's units.
+accelerate  richardson-lucy: extrapolate the iterations (Biggs & Andrews).
+          Its step is measured on the whole array, so blocks of a volume
+          (dask's map_overlap) restore as the whole only with
+          accelerate=False and a fixed number of iterations.
 total_variation  richardson-lucy: the weight of a total-variation prior
           for noisy data (Dey et al. 2006), 0 to about 0.02.
 channel_axis  "auto": a 3-D array's last axis holds channels (at most
@@ -464,4 +472,23 @@ restore(), and the blur in draw_psf()'s words where a model was fitted.
     >>> psf, found = deconv.estimate_psf(photo)          # doctest: +SKIP
 )");
 #endif
+
+  // pickle, and so dask and multiprocessing, send a function by its module
+  // and name, but a pybind11 function's `self` is a capsule that cannot be
+  // pickled: each is wrapped in a plain Python function of the same name,
+  // its docstring and signature, which pickles as a reference.
+  py::dict scope;
+  scope["module"] = m;
+  py::exec(R"(
+import functools
+for name in [n for n in ("restore", "choose_strength", "draw_psf", "estimate_psf") if hasattr(module, n)]:
+    def by_name(function=getattr(module, name)):
+        @functools.wraps(function)
+        def call(*args, **kwargs):
+            return function(*args, **kwargs)
+        call.__qualname__ = call.__name__  # pybind11's is "PyCapsule.<name>"
+        return call
+    setattr(module, name, by_name())
+)",
+           scope);
 }

@@ -10,7 +10,7 @@ packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
           parallel rsync openssh-server openssh-client time bc
           libopenimageio-dev openimageio-tools pkg-config
           pybind11-dev python3-dev python3-numpy python3-openimageio
-          python3-astropy python3-tifffile)
+          python3-astropy python3-tifffile python3-dask python3-distributed)
 # `setup.sh bench`: also what the benchmarks compare against.
 [ "${1:-}" = bench ] && packages+=(python3-skimage)
 root=$(cd "$(dirname "$0")/.." && pwd)

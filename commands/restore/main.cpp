@@ -76,6 +76,8 @@ int main(int argc, char** argv) {
     options.method = command.method;
     options.iterations = command.iterations;
     options.total_variation = (float)command.total_variation;
+    options.accelerate = command.accelerate;
+    options.memory = (size_t)command.memory << 20;
     // The picture's samples are scaled by their file's range; so is the background.
     options.background = (float)(command.background / (picture.depth == SampleDepth::u8    ? 255.0
                                                         : picture.depth == SampleDepth::u16 ? 65535.0

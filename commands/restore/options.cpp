@@ -40,6 +40,11 @@ const char* const help =
     "                              input's own units (default 0)\n"
     "  --total-variation W         richardson-lucy: a total-variation prior of this\n"
     "                              weight for noisy data, 0 (default) to about 0.02\n"
+    "  --no-accelerate             richardson-lucy without extrapolated iterations:\n"
+    "                              tiles then give the untiled result\n"
+    "  --memory MIB                the restoration's working memory; a picture or\n"
+    "                              stack that needs more is restored in overlapping\n"
+    "                              tiles (default: no limit)\n"
     "  --exact                     restore on deconv's own engine: with --depth 8\n"
     "                              --no-align, deconv's very pixels (slower)\n"
     "  --help, --version\n"
@@ -82,6 +87,10 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       command.align = false;
       continue;
     }
+    if (arg == "--no-accelerate") {
+      command.accelerate = false;
+      continue;
+    }
     if (arg == "--exact") {
       command.exact = true;
       continue;
@@ -101,7 +110,7 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       const std::string name = arg.substr(0, equals);
       if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--quality" &&
           name != "--save-psf" && name != "--method" && name != "--iterations" && name != "--background" &&
-          name != "--total-variation")
+          name != "--total-variation" && name != "--memory")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -141,6 +150,9 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
         command.background = std::strtod(value.c_str(), &end);
         if (value.empty() || *end || !std::isfinite(command.background) || command.background < 0)
           return refuse("--background takes a number of 0 or more, not '" + value + "'");
+      } else if (name == "--memory") {
+        if (!whole_number(value.c_str(), 1, 1 << 30, command.memory))
+          return refuse("--memory takes a whole number of MiB from 1, not '" + value + "'");
       } else if (name == "--quality") {
         if (!whole_number(value.c_str(), 1, 100, command.quality))
           return refuse("--quality takes a whole number from 1 to 100, not '" + value + "'");

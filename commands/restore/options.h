@@ -18,6 +18,8 @@ struct RestoreCommand {
   int iterations = 0;             // richardson-lucy's; 0: until the data's noise
   double background = 0;          // richardson-lucy's, in the input's own sample units
   double total_variation = 0;     // richardson-lucy's prior's weight
+  bool accelerate = true;         // richardson-lucy's extrapolation
+  int memory = 0;                 // MiB of working memory; 0: no limit
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
   std::string save_psf;  // where to keep the PSF used; empty: nowhere
