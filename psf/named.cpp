@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "psf/widefield.h"
+
 namespace {
 
 // The widest PSF drawn: a blur wider than this many pixels is no use to deconv.
@@ -34,17 +36,67 @@ double number(const std::string& text) {
   return end != text.c_str() && !*end && std::isfinite(value) ? value : NAN;
 }
 
+// More samples than this would take a gigabyte and minutes to draw; no
+// microscope's stack needs them.
+constexpr double most_samples = 1 << 26;
+// Bessel functions evaluated for the integral: about fifteen seconds' worth.
+constexpr double most_evaluations = 1 << 25;
+
+CImg<float> widefield(const std::vector<std::string>& numbers) {
+  if (numbers.size() != 5 && numbers.size() != 6)
+    throw std::invalid_argument("widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES] (lengths in nm)");
+  static const char* const what[] = {"a numerical aperture above 0", "a wavelength in nm above 0",
+                                     "a refractive index above 0",   "a pixel size in nm above 0",
+                                     "a z step in nm above 0",       "a number of planes above 0"};
+  double v[6] = {};
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    v[i] = number(numbers[i]);
+    if (std::isnan(v[i]) || v[i] <= 0) throw std::invalid_argument("widefield: '" + numbers[i] + "' is not " + what[i]);
+  }
+  const Objective objective{v[0], v[1], v[2], v[3], v[4]};
+  if (objective.index < 1) throw std::invalid_argument("widefield: no immersion has a refractive index below 1");
+  if (!(objective.aperture < objective.index))
+    throw std::invalid_argument("widefield: the numerical aperture must be below the immersion's refractive index");
+  if (numbers.size() == 6 && !(std::fmod(v[5], 2) == 1))
+    throw std::invalid_argument("widefield: PLANES must be odd and whole, the focal plane in the middle");
+
+  // By default four axial half-widths either side of focus: the central
+  // lobe and the out-of-focus cone around it, where a widefield stack's
+  // blur lies.
+  const double half_depth =
+      numbers.size() == 6 ? (v[5] - 1) / 2 : std::ceil(4 * axial_fwhm(objective) / objective.z_step);
+  if (!(half_depth <= (widest - 1) / 2))
+    throw std::invalid_argument("widefield: the PSF would be deeper than " + std::to_string(widest) + " planes");
+  const WidefieldReach reach = widefield_reach(objective, (int)half_depth);
+  if (!(reach.rings <= (widest - 1) / 2))
+    throw std::invalid_argument("widefield: the PSF would be wider than " + std::to_string(widest) + " pixels");
+  // Far from focus the cone may outgrow the widest picture; its edge is then cut.
+  const int side = odd_side(std::min(std::max(reach.rings, reach.cone), (widest - 1) / 2.0));
+  const int planes = 2 * (int)half_depth + 1;
+  if ((double)side * side * planes > most_samples)
+    throw std::invalid_argument(
+        "widefield: the PSF would hold more than 67108864 samples; give fewer PLANES or larger PIXEL and ZSTEP");
+  // The distinct radii of the octant (about a quarter of a quadrant's pixels),
+  // each evaluated at every step of the pupil.
+  if ((side / 2 + 1) * (side / 2 + 1) / 4.0 * widefield_steps(objective, side, planes) > most_evaluations)
+    throw std::invalid_argument(
+        "widefield: the PSF would take too long to draw: give fewer PLANES, a larger PIXEL or a smaller ZSTEP");
+  return widefield_psf(objective, side, planes);
+}
+
 }  // namespace
 
-const char* const psf_kinds = "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT";
+const char* const psf_kinds =
+    "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT | widefield NA WAVELENGTH INDEX PIXEL ZSTEP "
+    "[PLANES]";
 
 CImg<float> draw_named_psf(const std::string& name, const std::vector<std::string>& numbers) {
+  if (name == "widefield") return widefield(numbers);
   const Kind* kind = nullptr;
   for (const Kind& k : kinds)
     if (name == k.name) kind = &k;
   if (!kind) throw std::invalid_argument("unknown kind '" + name + "': " + psf_kinds);
-  if ((int)numbers.size() != kind->count)
-    throw std::invalid_argument(name + " takes " + kind->arguments);
+  if ((int)numbers.size() != kind->count) throw std::invalid_argument(name + " takes " + kind->arguments);
 
   double values[2];
   for (int i = 0; i < kind->count; ++i) {
@@ -62,6 +114,7 @@ CImg<float> draw_named_psf(const std::string& name, const std::vector<std::strin
   // A blur far below a pixel falls between the samples and draws as nothing
   // (or as 0/0); a PSF of no weight is no blur at all.
   const bool finite = std::all_of(psf.begin(), psf.end(), [](const float v) { return std::isfinite(v); });
-  if (!finite || !(psf.max() > 0)) throw std::invalid_argument(name + ": too small to draw: no pixel of the PSF would hold any of it");
+  if (!finite || !(psf.max() > 0))
+    throw std::invalid_argument(name + ": too small to draw: no pixel of the PSF would hold any of it");
   return psf;
 }

@@ -8,13 +8,17 @@
 
 #include "psf/kernels.h"
 
-// "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT"
+// "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT |
+// widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]"
 extern const char* const psf_kinds;
 
 // The PSF of `kind` with `numbers` (as text). Throws std::invalid_argument
 // with a one-line reason: an unknown kind, a wrong count of numbers, a number
 // that is not one or not above 0 (angles may be anything), a PSF wider than
-// 2001 pixels.
+// 2001 pixels. A widefield PSF (psf/widefield.h) is a stack: depth PLANES
+// (odd; by default enough for four axial half-widths either side of focus),
+// also refused for NA not below INDEX, an INDEX below 1, more than 2001
+// planes or 2^26 samples.
 CImg<float> draw_named_psf(const std::string& kind, const std::vector<std::string>& numbers);
 
 #endif
