@@ -43,28 +43,36 @@ constexpr double most_samples = 1 << 26;
 constexpr double most_evaluations = 1 << 25;
 
 CImg<float> widefield(const std::vector<std::string>& numbers) {
-  if (numbers.size() != 5 && numbers.size() != 6)
-    throw std::invalid_argument("widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES] (lengths in nm)");
+  if (numbers.size() != 5 && numbers.size() != 6 && numbers.size() != 8)
+    throw std::invalid_argument(
+        "widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]] (lengths in nm)");
   static const char* const what[] = {"a numerical aperture above 0", "a wavelength in nm above 0",
                                      "a refractive index above 0",   "a pixel size in nm above 0",
-                                     "a z step in nm above 0",       "a number of planes above 0"};
-  double v[6] = {};
+                                     "a z step in nm above 0",       "a number of planes (0 chooses)",
+                                     "a refractive index above 0",   "a depth in nm (0 or more)"};
+  double v[8] = {};
   for (size_t i = 0; i < numbers.size(); ++i) {
     v[i] = number(numbers[i]);
-    if (std::isnan(v[i]) || v[i] <= 0) throw std::invalid_argument("widefield: '" + numbers[i] + "' is not " + what[i]);
+    const bool may_be_0 = i == 5 || i == 7;
+    if (std::isnan(v[i]) || v[i] < 0 || (v[i] == 0 && !may_be_0))
+      throw std::invalid_argument("widefield: '" + numbers[i] + "' is not " + what[i]);
   }
-  const Objective objective{v[0], v[1], v[2], v[3], v[4]};
-  if (objective.index < 1) throw std::invalid_argument("widefield: no immersion has a refractive index below 1");
+  const Objective objective{v[0], v[1], v[2], v[3], v[4], v[6], v[7]};
+  if (objective.index < 1 || (numbers.size() == 8 && objective.sample_index < 1))
+    throw std::invalid_argument("widefield: no immersion or sample has a refractive index below 1");
   if (!(objective.aperture < objective.index))
     throw std::invalid_argument("widefield: the numerical aperture must be below the immersion's refractive index");
-  if (numbers.size() == 6 && !(std::fmod(v[5], 2) == 1))
+  if (v[5] != 0 && !(std::fmod(v[5], 2) == 1))
     throw std::invalid_argument("widefield: PLANES must be odd and whole, the focal plane in the middle");
+  // The spherical aberration of a mismatch grows with depth; past a tenth of
+  // a millimetre no widefield stack is worth restoring, and the pupil's phase
+  // would need tens of thousands of steps.
+  if (objective.depth > 100000) throw std::invalid_argument("widefield: DEPTH is more than 100000 nm (0.1 mm)");
 
   // By default four axial half-widths either side of focus: the central
   // lobe and the out-of-focus cone around it, where a widefield stack's
   // blur lies.
-  const double half_depth =
-      numbers.size() == 6 ? (v[5] - 1) / 2 : std::ceil(4 * axial_fwhm(objective) / objective.z_step);
+  const double half_depth = v[5] > 0 ? (v[5] - 1) / 2 : std::ceil(4 * axial_fwhm(objective) / objective.z_step);
   if (!(half_depth <= (widest - 1) / 2))
     throw std::invalid_argument("widefield: the PSF would be deeper than " + std::to_string(widest) + " planes");
   const WidefieldReach reach = widefield_reach(objective, (int)half_depth);
@@ -76,19 +84,19 @@ CImg<float> widefield(const std::vector<std::string>& numbers) {
   if ((double)side * side * planes > most_samples)
     throw std::invalid_argument(
         "widefield: the PSF would hold more than 67108864 samples; give fewer PLANES or larger PIXEL and ZSTEP");
-  // The distinct radii of the octant (about a quarter of a quadrant's pixels),
-  // each evaluated at every step of the pupil.
-  if ((side / 2 + 1) * (side / 2 + 1) / 4.0 * widefield_steps(objective, side, planes) > most_evaluations)
+  const double focus = widefield_focus(objective);
+  // At most one for each pixel of the octant, each at every step of the pupil.
+  if ((side / 2 + 1) * (side / 2 + 2) / 2.0 * widefield_steps(objective, focus, side, planes) > most_evaluations)
     throw std::invalid_argument(
         "widefield: the PSF would take too long to draw: give fewer PLANES, a larger PIXEL or a smaller ZSTEP");
-  return widefield_psf(objective, side, planes);
+  return widefield_psf(objective, focus, side, planes);
 }
 
 }  // namespace
 
 const char* const psf_kinds =
     "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT | widefield NA WAVELENGTH INDEX PIXEL ZSTEP "
-    "[PLANES]";
+    "[PLANES [SAMPLE_INDEX DEPTH]]";
 
 CImg<float> draw_named_psf(const std::string& name, const std::vector<std::string>& numbers) {
   if (name == "widefield") return widefield(numbers);

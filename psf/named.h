@@ -9,16 +9,18 @@
 #include "psf/kernels.h"
 
 // "gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT |
-// widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]"
+// widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]"
 extern const char* const psf_kinds;
 
 // The PSF of `kind` with `numbers` (as text). Throws std::invalid_argument
 // with a one-line reason: an unknown kind, a wrong count of numbers, a number
 // that is not one or not above 0 (angles may be anything), a PSF wider than
 // 2001 pixels. A widefield PSF (psf/widefield.h) is a stack: depth PLANES
-// (odd; by default enough for four axial half-widths either side of focus),
-// also refused for NA not below INDEX, an INDEX below 1, more than 2001
-// planes or 2^26 samples.
+// (odd; 0 or none: enough for four axial half-widths either side of focus),
+// of a point DEPTH nm into a sample of SAMPLE_INDEX where one is given;
+// also refused for NA not below INDEX, an index below 1, a DEPTH beyond 0.1
+// mm, more than 2001 planes or 2^26 samples, or a draw of more than about
+// fifteen seconds.
 CImg<float> draw_named_psf(const std::string& kind, const std::vector<std::string>& numbers);
 
 #endif

@@ -1,7 +1,7 @@
 // deconv-psf KIND ARGS... OUTPUT
 //
 //   gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT |
-//   widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]
+//   widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]
 //
 // Draws the PSF picture of a common blur for deconv and writes it in the
 // format OUTPUT's name says, in the process: no shell or converter ever sees
@@ -27,9 +27,10 @@ const char* const usage =
     "  motion LENGTH ANGLE   a straight shake, in pixels and degrees\n"
     "  disk RADIUS           a lens out of focus\n"
     "  box WIDTH HEIGHT      a uniform rectangle\n"
-    "  widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]\n"
-    "                        a widefield microscope's 3-D PSF (lengths in nm),\n"
-    "                        written as a TIFF stack (OUTPUT.tif)\n"
+    "  widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]\n"
+    "                        a widefield microscope's 3-D PSF (lengths in nm;\n"
+    "                        PLANES odd, 0 chooses; a point DEPTH into a sample\n"
+    "                        of another index), written as a TIFF stack (OUTPUT.tif)\n"
     "  --help, --version\n"
     "Exit status: 0 written, 1 bad command line, 11 a file that cannot be written.\n";
 

@@ -37,6 +37,8 @@ struct Setting {
   int planes;
 };
 
+void PrintTo(const Setting& s, std::ostream* out) { *out << s.name; }
+
 class Widefield : public testing::TestWithParam<Setting> {};
 
 // The focal plane is the Airy pattern exactly, whose FWHM is 0.514 lambda /
@@ -91,21 +93,48 @@ INSTANTIATE_TEST_SUITE_P(Objectives, Widefield,
                                          Setting{"air_0_75", 0.75, 510, 1.0, 30, 100, 61}),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// A sample whose index differs from the immersion's: a point deep in it is
+// drawn with Gibson & Lanni's spherical aberration, the stack centred on
+// its brightest point. A mismatch of a millionth is no mismatch at all, at
+// any depth: a focus found wrong or a phase of the wrong sign would show.
+// Oil (1.515, NA 1.4) into water 10 um deep stretches the axial width to
+// well over one and a half times the matched one, and the PSF is no longer
+// symmetric about focus.
+TEST(WidefieldMismatch, DeepInWaterUnderOilTheAxisStretchesAndLeansAndNoMismatchChangesNothing) {
+  const CImg<float> matched = widefield("1.4 520 1.515 40 80 41");
+  const CImg<float> barely = widefield("1.4 520 1.515 40 80 41 1.515001 5000");
+  ASSERT_TRUE(barely.width() == matched.width() && barely.depth() == matched.depth());
+  EXPECT_LT((barely - matched).abs().max(), 2e-3);
+
+  const CImg<float> water = widefield("1.4 520 1.515 40 80 41 1.33 10000");
+  const int mid = water.width() / 2, focus = water.depth() / 2;
+  EXPECT_EQ(water(mid, mid, focus), 1);
+  std::vector<double> along, matched_along;
+  for (int z = 0; z < water.depth(); ++z)
+    along.push_back(water(mid, mid, z)), matched_along.push_back(matched(mid, mid, z));
+  EXPECT_GT(fwhm(along) / fwhm(matched_along), 1.5);
+  EXPECT_GT((water - water.get_mirror("z")).abs().max(), 0.05);
+  EXPECT_LT((water - water.get_mirror("x")).abs().max(), 1e-6);
+}
+
 TEST(WidefieldRefusals, ImpossibleNumbersAreRefusedInOneLine) {
   const struct {
     const char* numbers;
     const char* reason;
   } cases[] = {
-      {"1.4 520 1.515 100", "widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]"},
-      {"1.4 520 1.515 100 200 11 3", "widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES]"},
+      {"1.4 520 1.515 100", "widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]"},
+      {"1.4 520 1.515 100 200 11 1.33", "widefield takes NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX"},
       {"1.4 520 1.33 100 200", "the numerical aperture must be below the immersion's refractive index"},
       {"1.33 520 1.33 100 200", "the numerical aperture must be below the immersion's refractive index"},
       {"0 520 1.33 100 200", "'0' is not a numerical aperture above 0"},
       {"1.2 -520 1.33 100 200", "'-520' is not a wavelength in nm above 0"},
-      {"0.5 520 0.9 100 200", "no immersion has a refractive index below 1"},
+      {"0.5 520 0.9 100 200", "no immersion or sample has a refractive index below 1"},
+      {"1.2 520 1.33 100 200 0 0.9 1000", "no immersion or sample has a refractive index below 1"},
+      {"1.2 520 1.33 100 200 0 1.45 -1", "'-1' is not a depth in nm (0 or more)"},
+      {"1.2 520 1.33 100 200 0 1.45 2e5", "DEPTH is more than 100000 nm"},
       {"1.2 520 1.33 0 200", "'0' is not a pixel size in nm above 0"},
       {"1.2 520 1.33 100 nan", "'nan' is not a z step in nm above 0"},
-      {"1.2 520 1.33 100 200 0", "'0' is not a number of planes above 0"},
+      {"1.2 520 1.33 100 200 -1", "'-1' is not a number of planes (0 chooses)"},
       {"1.2 520 1.33 100 200 10", "PLANES must be odd and whole"},
       {"1.2 520 1.33 100 200 10.5", "PLANES must be odd and whole"},
       {"1.2 520 1.33 0.01 200 11", "wider than 2001 pixels"},
