@@ -39,8 +39,11 @@ double number(const std::string& text) {
 // More samples than this would take a gigabyte and minutes to draw; no
 // microscope's stack needs them.
 constexpr double most_samples = 1 << 26;
-// Bessel functions evaluated for the integral: about fifteen seconds' worth.
+// Bessel functions and phases evaluated for the integral: about fifteen
+// seconds' worth.
 constexpr double most_evaluations = 1 << 25;
+// Products summed over the pupil: about five seconds' worth.
+constexpr double most_sums = 1LL << 33;
 
 CImg<float> widefield(const std::vector<std::string>& numbers) {
   if (numbers.size() != 5 && numbers.size() != 6 && numbers.size() != 8)
@@ -58,16 +61,20 @@ CImg<float> widefield(const std::vector<std::string>& numbers) {
       throw std::invalid_argument("widefield: '" + numbers[i] + "' is not " + what[i]);
   }
   const Objective objective{v[0], v[1], v[2], v[3], v[4], v[6], v[7]};
-  if (objective.index < 1 || (numbers.size() == 8 && objective.sample_index < 1))
-    throw std::invalid_argument("widefield: no immersion or sample has a refractive index below 1");
+  // Past 3 (no immersion or cell comes near) the axial width shrinks towards
+  // nothing and the search for the focus below would never end.
+  const auto unlikely = [](const double index) { return index < 1 || index > 3; };
+  if (unlikely(objective.index) || (numbers.size() == 8 && unlikely(objective.sample_index)))
+    throw std::invalid_argument("widefield: a refractive index must be from 1 to 3");
   if (!(objective.aperture < objective.index))
     throw std::invalid_argument("widefield: the numerical aperture must be below the immersion's refractive index");
   if (v[5] != 0 && !(std::fmod(v[5], 2) == 1))
     throw std::invalid_argument("widefield: PLANES must be odd and whole, the focal plane in the middle");
   // The spherical aberration of a mismatch grows with depth; past a tenth of
-  // a millimetre no widefield stack is worth restoring, and the pupil's phase
-  // would need tens of thousands of steps.
-  if (objective.depth > 100000) throw std::invalid_argument("widefield: DEPTH is more than 100000 nm (0.1 mm)");
+  // a millimetre in green light no widefield stack is worth restoring, and
+  // the pupil's phase would need tens of thousands of steps.
+  if (objective.depth > 200 * objective.wavelength)
+    throw std::invalid_argument("widefield: DEPTH is more than 200 wavelengths below the coverslip");
 
   // By default four axial half-widths either side of focus: the central
   // lobe and the out-of-focus cone around it, where a widefield stack's
@@ -85,11 +92,19 @@ CImg<float> widefield(const std::vector<std::string>& numbers) {
     throw std::invalid_argument(
         "widefield: the PSF would hold more than 67108864 samples; give fewer PLANES or larger PIXEL and ZSTEP");
   const double focus = widefield_focus(objective);
-  // At most one for each pixel of the octant, each at every step of the pupil.
-  if ((side / 2 + 1) * (side / 2 + 2) / 2.0 * widefield_steps(objective, focus, side, planes) > most_evaluations)
+  // Bessel functions at most one for each pixel of the octant, and a phase
+  // for each plane, each at every step of the pupil; then a sum of those
+  // steps for every column of the octant and plane.
+  const double octant = (side / 2 + 1) * (side / 2 + 2) / 2.0, steps = widefield_steps(objective, focus, side, planes);
+  if ((octant + planes) * steps > most_evaluations || octant * planes * steps > most_sums)
     throw std::invalid_argument(
         "widefield: the PSF would take too long to draw: give fewer PLANES, a larger PIXEL or a smaller ZSTEP");
-  return widefield_psf(objective, focus, side, planes);
+  CImg<float> psf = widefield_psf(objective, focus, side, planes);
+  // Under-sampled rings could still sum to nothing or overflow; never seen,
+  // but a PSF of no weight would only fail later, far from its cause.
+  const bool finite = std::all_of(psf.begin(), psf.end(), [](const float v) { return std::isfinite(v); });
+  if (!finite || !(psf.max() > 0)) throw std::invalid_argument("widefield: the integral came out empty or not finite");
+  return psf;
 }
 
 }  // namespace

@@ -18,9 +18,9 @@ extern const char* const psf_kinds;
 // 2001 pixels. A widefield PSF (psf/widefield.h) is a stack: depth PLANES
 // (odd; 0 or none: enough for four axial half-widths either side of focus),
 // of a point DEPTH nm into a sample of SAMPLE_INDEX where one is given;
-// also refused for NA not below INDEX, an index below 1, a DEPTH beyond 0.1
-// mm, more than 2001 planes or 2^26 samples, or a draw of more than about
-// fifteen seconds.
+// also refused for NA not below INDEX, an index outside 1 to 3, a DEPTH
+// beyond 200 wavelengths, more than 2001 planes or 2^26 samples, or a draw
+// of more than about twenty seconds.
 CImg<float> draw_named_psf(const std::string& kind, const std::vector<std::string>& numbers);
 
 #endif
