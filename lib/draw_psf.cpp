@@ -19,7 +19,7 @@ Image draw_psf(const std::string& description) {
   }
   try {
     const CImg<float> psf = draw_named_psf(description.substr(0, colon), numbers);
-    Image image(psf.width(), psf.height(), 1);
+    Image image(psf.width(), psf.height(), psf.depth(), 1);
     std::copy(psf.begin(), psf.end(), image.pixels.begin());
     return image;
   } catch (const std::invalid_argument& e) {

@@ -292,7 +292,7 @@ py::array_t<float> draw_psf(const py::object& text) {
     py::gil_scoped_release unlocked;
     psf = deconv::draw_psf(description);
   }
-  return to_array(psf, true);
+  return to_array(psf, psf.depth > 1, false);
 }
 
 #ifdef DECONV_HAS_ESTIMATE
@@ -450,6 +450,10 @@ its middle pixel at the blur's centre, the largest tap 1.
 description  "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees
              counter-clockwise from +x), "disk:RADIUS" or "box:W,H";
              lengths in pixels, the PSF no wider than 2001 pixels.
+             Or "widefield:NA,WAVELENGTH,INDEX,PIXEL,ZSTEP[,PLANES
+             [,SAMPLE_INDEX,DEPTH]]", a widefield microscope's PSF as a
+             (planes, side, side) volume (lengths in nm, PLANES odd, 0
+             chooses), for method="richardson-lucy".
 
     >>> deconv.draw_psf("box:3,1")[2]
     array([0., 1., 1., 1., 0.], dtype=float32)

@@ -1,12 +1,14 @@
 // deconv-psf KIND ARGS... OUTPUT
 //
-//   gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT
+//   gaussian SIGMA | motion LENGTH ANGLE | disk RADIUS | box WIDTH HEIGHT |
+//   widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]
 //
 // Draws the PSF picture of a common blur for deconv and writes it in the
 // format OUTPUT's name says, in the process: no shell or converter ever sees
-// the name. 16 bits where the small taps need them, 8 otherwise. Silent on
-// success; a bad command line gives one line on stderr and status 1, a file
-// that cannot be written one line and status 11.
+// the name. 16 bits where the small taps need them, 8 otherwise; a widefield
+// PSF is a stack, written as TIFF pages. Silent on success; a bad command
+// line gives one line on stderr and status 1, a file that cannot be written
+// one line and status 11.
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -25,6 +27,10 @@ const char* const usage =
     "  motion LENGTH ANGLE   a straight shake, in pixels and degrees\n"
     "  disk RADIUS           a lens out of focus\n"
     "  box WIDTH HEIGHT      a uniform rectangle\n"
+    "  widefield NA WAVELENGTH INDEX PIXEL ZSTEP [PLANES [SAMPLE_INDEX DEPTH]]\n"
+    "                        a widefield microscope's 3-D PSF (lengths in nm;\n"
+    "                        PLANES odd, 0 chooses; a point DEPTH into a sample\n"
+    "                        of another index), written as a TIFF stack (OUTPUT.tif)\n"
     "  --help, --version\n"
     "Exit status: 0 written, 1 bad command line, 11 a file that cannot be written.\n";
 
@@ -43,7 +49,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "deconv-psf: %s\n", e.what());
     return 1;
   }
-  deconv::Image image(psf.width(), psf.height(), 1);
+  deconv::Image image(psf.width(), psf.height(), psf.depth(), 1);
   std::copy(psf.begin(), psf.end(), image.pixels.begin());
   try {
     write_picture(argv[argc - 1], image, file_maximum(psf) > 255 ? SampleDepth::u16 : SampleDepth::u8);

@@ -70,7 +70,8 @@ TEST(DeconvPsf, DiskRadiusAndGaussianSigmaComeBackAndFilesKeepTheirTaps) {
   EXPECT_EQ(drawn(dir, "gaussian 2").max(), 255);
   EXPECT_EQ(drawn(dir, "motion 12 30").max(), 65535);
   // Bad command lines: one line on stderr, status 1, nothing written.
-  for (const char* args : {"", "blob 3", "gaussian 0", "gaussian x2", "disk -1", "motion 12", "box 3", "box 3 1e9"}) {
+  for (const char* args : {"", "blob 3", "gaussian 0", "gaussian x2", "disk -1", "motion 12", "box 3", "box 3 1e9",
+                           "widefield 1.4 520 1.33 100 200", "widefield 1.2 520 1.33 100 200 4"}) {
     const auto [status, err] = shell("cd " + dir.path + " && " DECONV_PSF_BINARY " " + args + " bad.png");
     EXPECT_EQ(status, 1) << args;
     EXPECT_TRUE(err.rfind("deconv-psf: ", 0) == 0 && std::count(err.begin(), err.end(), '\n') == 1) << err;

@@ -142,8 +142,16 @@ int choose_strength(const Image& blurred, const Image& psf, bool compressed = fa
 // The PSF of a common blur, as deconv-psf draws it: a square of odd side, its
 // middle pixel at the blur's centre, the largest tap 1. `description` is one
 // of "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees counter-clockwise from
-// +x), "disk:RADIUS", "box:W,H"; lengths in pixels. Throws Error for anything
-// else, naming what was wrong, and for a PSF wider than 2001 pixels.
+// +x), "disk:RADIUS", "box:W,H"; lengths in pixels. Or a widefield
+// fluorescence microscope's 3-D PSF, "widefield:NA,WAVELENGTH,INDEX,PIXEL,
+// ZSTEP[,PLANES[,SAMPLE_INDEX,DEPTH]]" (lengths in nm at the sample, INDEX
+// the immersion's): a stack of PLANES (odd, the focus in the middle; 0 or
+// none: four axial half-widths either side) by the scalar non-paraxial Born
+// & Wolf model, sampled at the centres of the voxels, for restore()'s
+// Richardson-Lucy; with SAMPLE_INDEX and DEPTH, a point that deep in a
+// sample of that index (Gibson & Lanni), centred on its brightest point.
+// Throws Error for anything else, naming what was wrong, for a PSF wider than
+// 2001 pixels or deeper than 2001 planes, and for NA not below INDEX.
 Image draw_psf(const std::string& description);
 
 struct EstimateOptions {
