@@ -592,15 +592,21 @@ void require_known_format(const std::string& path) {
   if (!OIIO::ImageOutput::create(path)) cannot_write(path, "no format for this name");
 }
 
+void require_stack_format(const std::string& path, const int planes) {
+  if (planes <= 1) return;
+  auto out = OIIO::ImageOutput::create(path);
+  if (!out || std::strcmp(out->format_name(), "tiff") || !out->supports("multiimage"))
+    cannot_write(path, "a stack of " + std::to_string(planes) + " planes is written as TIFF (.tif)");
+}
+
 namespace {
 
 // A stack as TIFF pages of one channel each, channels fastest, with an ImageJ
 // description on the first: what tifffile and ImageJ read as (Z, Y, X) or
 // (Z, C, Y, X). Written under a staged name and renamed when complete.
 void write_stack(const std::string& path, const Image& stack, const SampleDepth depth, const PictureFile* like) {
+  require_stack_format(path, stack.depth);
   auto out = OIIO::ImageOutput::create(path);
-  if (!out || std::strcmp(out->format_name(), "tiff") || !out->supports("multiimage"))
-    cannot_write(path, "a stack of " + std::to_string(stack.depth) + " planes is written as TIFF (.tif)");
   Image page(stack.width, stack.height, 1);
   OIIO::ImageSpec header = spec_for(page, nullptr, depth, like);
   header.erase_attribute("ImageDescription");

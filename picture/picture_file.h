@@ -46,6 +46,9 @@ bool parse_depth(const std::string& text, SampleDepth& depth);
 // Throws deconv::Error "cannot write PATH: no format for this name" unless
 // some writer knows `path`'s format: for a command to fail before its work.
 void require_known_format(const std::string& path);
+// Throws deconv::Error "cannot write PATH: ..." unless a stack of `planes`
+// planes can be written there (as TIFF); nothing for a single plane.
+void require_stack_format(const std::string& path, int planes);
 
 
 // Writes `image` (0..1 for integer depths: clamped, then multiplied by the
@@ -56,7 +59,8 @@ void require_known_format(const std::string& path);
 // files are padded to whole 2880-byte records. The file is written under a temporary name beside `path` and
 // renamed over it only once complete: a failure leaves `path` as it was and
 // no temporary file behind. Throws deconv::Error "cannot write PATH: REASON".
-// A stack (depth above 1) is written as TIFF pages, nothing else.
+// A stack (depth above 1) is written as TIFF pages, nothing else;
+// require_stack_format says so before any work is done.
 void write_picture(const std::string& path, const deconv::Image& image, SampleDepth depth,
                    const PictureFile* like = nullptr, const deconv::Image* alpha = nullptr, int quality = 0);
 

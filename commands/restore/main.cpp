@@ -20,8 +20,9 @@
 namespace {
 
 // The first plane with its largest sample 1, as deconv-estimate writes a PSF.
+// The PSF's first channel, every plane of a 3-D one, its largest tap 1.
 deconv::Image peak_at_one(const deconv::Image& psf) {
-  deconv::Image plane(psf.width, psf.height, 1);
+  deconv::Image plane(psf.width, psf.height, psf.depth, 1);
   std::copy(psf.pixels.begin(), psf.pixels.begin() + plane.pixels.size(), plane.pixels.begin());
   const float peak = *std::max_element(plane.pixels.begin(), plane.pixels.end());
   if (peak > 0)
@@ -68,6 +69,9 @@ int main(int argc, char** argv) {
     require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
     const deconv::Image psf = load_psf(command, picture.image);
+    // A stack's result, or a 3-D PSF kept, can only go into TIFF: said before the work.
+    require_stack_format(command.output, picture.image.depth);
+    if (!command.save_psf.empty()) require_stack_format(command.save_psf, psf.depth);
     deconv::RestoreOptions options;
     options.strength = command.strength;
     options.workers = command.workers;

@@ -280,8 +280,10 @@ class StackFiles(unittest.TestCase):
             tifffile.imwrite(path("hyper.tif"), np.stack([stack[:3], stack[1:4]], axis=1), imagej=True)
             tifffile.imwrite(path("ome.tif"), stack, ome=True, metadata={"axes": "ZYX"})
             done = self.run_restore("--psf", path("bead.tif"), "--method", "richardson-lucy", "--iterations", "5",
-                                    "--depth", "float", path("plain.tif"), path("volume.tif"))
+                                    "--depth", "float", "--save-psf", path("kept.tif"), path("plain.tif"),
+                                    path("volume.tif"))
             self.assertEqual(done.returncode, 0, done.stderr)
+            self.assertEqual(tifffile.imread(path("kept.tif")).shape, bead.shape)  # every plane of the PSF kept
             expected = deconv.restore(stack, bead.astype(np.float32), method="richardson-lucy", iterations=5,
                                       workers=1)
             np.testing.assert_array_equal(tifffile.imread(path("volume.tif")), expected)
@@ -296,13 +298,14 @@ class StackFiles(unittest.TestCase):
                 uneven.write(stack[0])
                 uneven.write(stack[1, :20])
             for args, words in [([path("uneven.tif")], "its pages differ: page 2 is 48 x 20"),
+                                ([path("plain.tif"), path("refused.png")], "a stack of 5 planes is written as TIFF"),
                                 (["--psf", path("bead.tif"), path("plain.tif")], "richardson-lucy a 3-D one")]:
                 with self.subTest(words):
-                    done = self.run_restore(*(["--psf", "gaussian:1"] if len(args) == 1 else []), *args,
-                                            path("refused.tif"))
+                    given = args if args[-1].endswith(".png") else args + [path("refused.tif")]
+                    done = self.run_restore(*(["--psf", "gaussian:1"] if "--psf" not in args else []), *given)
                     self.assertEqual(done.returncode, 11)
                     self.assertIn(words, done.stderr)
-                    self.assertFalse(os.path.exists(path("refused.tif")))
+                    self.assertFalse(os.path.exists(given[-1]))
 
 
 class Errors(unittest.TestCase):
