@@ -62,6 +62,7 @@ bench:
 	@bench/estimate_bench.sh $(BUILD)-bench
 	@bench/batch_bench.sh $(BUILD)-bench
 	@bench/restore_bench.sh $(BUILD)-bench
+	@PYTHONPATH=$(BUILD)-bench/python /usr/bin/python3 bench/camera_bench.py --csv $(BUILD)-bench/camera_bench.csv
 
 # The Debian package, from the Release build: build/deconv_<version>_amd64.deb.
 package: build

@@ -191,6 +191,17 @@ def add_lamps(scene, margin, height, width, grey, rng):
     return scene, mask, centres
 
 
+def expose(light, iso, read_noise, rng):
+    """The sensor's reading of linear `light` (1 the full scale): Poisson shot
+    noise on the electrons collected, fewer of them per full scale at higher
+    ISO (4000 at ISO 100), Gaussian read noise of `read_noise` electrons,
+    clipped to the full scale. Returns the electrons at the full scale and the
+    reading."""
+    photons = 4000.0 * 100 / iso
+    electrons = rng.poisson(np.clip(light, 0, None) * photons) + rng.normal(0, read_noise, np.shape(light))
+    return photons, np.clip(electrons / photons, 0, 1)
+
+
 def read_photo(name, grey):
     pixels = np.asarray(Image.open(photo_path(name)).convert("L" if grey else "RGB"), np.float64) / 255
     return pixels
@@ -224,13 +235,11 @@ def camera_case(index, photo_index, kind, lights, seed):
     if lights:
         scene, mask, centres = add_lamps(scene, margin, h, w, grey, rng)
     iso = int(rng.choice(ISOS))
-    photons = 4000.0 * 100 / iso           # electrons at the full scale
     read_noise = 2.0 + 2.0 * rng.random()  # electrons
-    electrons = rng.poisson(np.clip(blur(scene, psf), 0, None) * photons)
-    electrons = electrons + rng.normal(0, read_noise, electrons.shape)
+    photons, exposed = expose(blur(scene, psf), iso, read_noise, rng)
     quality = int(rng.integers(80, 96))
     return {"scene": scene[margin:margin + h, margin:margin + w], "psf": psf, "mask": mask,
-            "blurred": to_bytes(linear_to_srgb(np.clip(electrons / photons, 0, 1))),
+            "blurred": to_bytes(linear_to_srgb(exposed)),
             "params": {"set": "camera", "photo": name, "grey": grey, "top": top, "left": left, "height": h,
                        "width": w, "kind": kind, "blur": blur_words, "psf_side": int(psf.shape[0]), "iso": iso,
                        "photons": photons, "read_noise": round(read_noise, 3), "jpeg_quality": quality,
