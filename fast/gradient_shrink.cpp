@@ -16,7 +16,7 @@ double bend(double s, double alpha) { return alpha * (alpha - 1) * std::pow(s, a
 }  // namespace
 
 GradientShrink::GradientShrink(const double alpha) : alpha_(alpha), threshold_(0), table_(steps + 1) {
-  if (!(alpha > 0 && alpha <= 2)) throw std::invalid_argument("the prior's exponent lies outside (0, 2]");
+  if (!(alpha > 0 && alpha < 2)) throw std::invalid_argument("the prior's exponent lies outside (0, 2)");
   for (int k = 0; k <= steps; ++k) table_[k] = (float)solve(top * k / steps);
   // Below the threshold the answer is 0 (none for alpha above 1): where
   // solve() turns from 0 to a root, by bisection.

@@ -1,7 +1,8 @@
 // The per-sample step of the sparse restoration (fast/sparse.h): the value z
 // nearest to a gradient t under a hyper-Laplacian penalty,
 //   argmin_z  c |z|^alpha + (z - t)^2 / 2,
-// solved exactly for any alpha in (0, 2]. Scaling z and t by c^(1 / (2 -
+// solved exactly for any alpha in (0, 2) (2 has no scale of its own: its
+// step is t / (1 + 2 c), for the caller). Scaling z and t by c^(1 / (2 -
 // alpha)) makes every c the same problem, so one table over the scaled t,
 // made once in double, serves every sample and every penalty (Krishnan &
 // Fergus 2009 tabulate too). For alpha below 1 the answer jumps from 0 to a

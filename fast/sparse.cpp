@@ -66,8 +66,10 @@ size_t rows_of(const std::vector<int>& sizes) {
 
 // The data on the wider grid, each sample outside them the nearest one's (a
 // start that keeps the first steps from ringing at the borders), and the
-// data term's weight of each sample: 0 outside them.
-void embed(const Grid& g, const float* data, const float* weights, float* y, float* mask, Workers& workers) {
+// data term's weight of each sample: 0 outside them. Where a sample weighs
+// nothing, `fill` stands for it: nothing it holds reaches the result.
+void embed(const Grid& g, const float* data, const float* weights, const float fill, float* y, float* mask,
+           Workers& workers) {
   const size_t width = g.sizes.back(), last = g.axes() - 1;
   workers.run_ranges(rows_of(g.sizes), [&](const size_t begin, const size_t end) {
     std::vector<int> at(g.axes());
@@ -82,8 +84,9 @@ void embed(const Grid& g, const float* data, const float* weights, float* y, flo
       from *= g.data_sizes[last];
       for (size_t c = 0; c < width; ++c) {
         const size_t i = r * width + c, j = from + g.nearest[last][c];
-        y[i] = data[j];
-        mask[i] = inside && g.inside[last][c] ? (weights ? weights[j] : 1.0f) : 0.0f;
+        const float w = weights ? weights[j] : 1.0f;
+        y[i] = w > 0 ? data[j] : fill;
+        mask[i] = inside && g.inside[last][c] ? w : 0.0f;
       }
     }
   });
@@ -157,7 +160,7 @@ const GradientShrink& shrink_for(const float alpha) {
 // The state of one restoration on the wider grid, and its three steps.
 class Splitting {
  public:
-  Splitting(const Grid& g, const RealFft& fft, const Spectra& spectra, const GradientShrink& shrink,
+  Splitting(const Grid& g, const RealFft& fft, const Spectra& spectra, const GradientShrink* shrink,
             const float lambda, const SparseOptions& options, Workers& workers)
       : g_(g), fft_(fft), spectra_(spectra), shrink_(shrink), lambda_(lambda), options_(options), workers_(workers),
         n_(fft.samples()), x(n_), target(n_), y(n_), mask(n_), u_(n_, 0.0f), b_(n_), A_(fft.frequencies()),
@@ -202,12 +205,15 @@ class Splitting {
   // z nearest to d x (plus the multiplier) under the prior, per sample and
   // axis, for the penalty beta.
   void z_step(const float beta) {
-    const float scale = shrink_.scale_for(lambda_ / beta), inverse = 1 / scale;
+    // Tikhonov's prior (alpha 2) shrinks every difference by one factor.
+    const bool quadratic = !shrink_;
+    const float c = lambda_ / beta, factor = 1 / (1 + 2 * c);
+    const float scale = quadratic ? 1 : shrink_->scale_for(c), inverse = 1 / scale;
     const bool multipliers = options_.multipliers;
     for (size_t a = 0; a < g_.axes(); ++a)
       each_neighbour(a, true, [&](const size_t i, const size_t next) {
         const float t = x[next] - x[i] + q_[a][i];
-        const float z = scale * shrink_(t * inverse);
+        const float z = quadratic ? t * factor : scale * (*shrink_)(t * inverse);
         z_[a][i] = z;
         q_[a][i] = multipliers ? t - z : 0.0f;
       });
@@ -260,7 +266,7 @@ class Splitting {
   const Grid& g_;
   const RealFft& fft_;
   const Spectra& spectra_;
-  const GradientShrink& shrink_;
+  const GradientShrink* shrink_;  // none for alpha 2
   const float lambda_;
   const SparseOptions& options_;
   Workers& workers_;
@@ -275,14 +281,34 @@ class Splitting {
   std::vector<RealArray> z_, q_;
 };
 
+// The data's mean, each sample by its weight, in double over fixed blocks
+// added in order.
+float weighted_mean(const float* data, const std::vector<int>& sizes, const float* weights, Workers& workers) {
+  size_t n = 1;
+  for (const int s : sizes) n *= s;
+  constexpr size_t blocks = 64;
+  std::vector<double> sum(blocks), weight(blocks);
+  workers.run(blocks, [&](const size_t b) {
+    for (size_t i = n * b / blocks; i < n * (b + 1) / blocks; ++i) {
+      const double w = weights ? weights[i] : 1.0;
+      sum[b] += w * data[i], weight[b] += w;
+    }
+  });
+  double total = 0, weights_total = 0;
+  for (size_t b = 0; b < blocks; ++b) total += sum[b], weights_total += weight[b];
+  return weights_total > 0 ? (float)(total / weights_total) : 0.0f;
+}
+
 }  // namespace
 
-float noise_deviation(const float* const data, const std::vector<int>& sizes) {
+float noise_deviation(const float* const data, const std::vector<int>& sizes, const float* const weights) {
   std::vector<float> d;
   const size_t width = sizes.back();
+  const auto out = [&](const size_t i) { return weights && !(weights[i] > 0); };
   if (sizes.size() == 1) {
     for (size_t i = 0; i + 2 < width; i += 3)
-      d.push_back(std::fabs(data[i] - 2 * data[i + 1] + data[i + 2]) / std::sqrt(6.0f));
+      if (!out(i) && !out(i + 1) && !out(i + 2))
+        d.push_back(std::fabs(data[i] - 2 * data[i + 1] + data[i + 2]) / std::sqrt(6.0f));
   } else {
     // Blocks of 2 x 2 in every plane of the last two axes: Donoho's finest
     // diagonal wavelet coefficients, which a blur leaves to the noise.
@@ -291,7 +317,10 @@ float noise_deviation(const float* const data, const std::vector<int>& sizes) {
       for (size_t r = 0; r + 1 < height; r += 2) {
         const float* const a = data + (p * height + r) * width;
         const float* const b = a + width;
-        for (size_t c = 0; c + 1 < width; c += 2) d.push_back(std::fabs(a[c] - a[c + 1] - b[c] + b[c + 1]) / 2);
+        const size_t i = (p * height + r) * width;
+        for (size_t c = 0; c + 1 < width; c += 2)
+          if (!out(i + c) && !out(i + c + 1) && !out(i + width + c) && !out(i + width + c + 1))
+            d.push_back(std::fabs(a[c] - a[c + 1] - b[c] + b[c + 1]) / 2);
       }
   }
   if (d.empty()) return 0;
@@ -300,11 +329,12 @@ float noise_deviation(const float* const data, const std::vector<int>& sizes) {
 }
 
 float sparse_lambda(const float noise, const float alpha) {
+  // The weight of a maximum a posteriori estimate under Gaussian noise grows
+  // as its variance. The floor stands for what rounding to 8 bits leaves in
+  // data without noise of their own, where the median difference is 0.
   (void)alpha;
-  static const float floor_ = getenv("FLOOR") ? atof(getenv("FLOOR")) : 0.002f;
-  static const float c = getenv("CEE") ? atof(getenv("CEE")) : 5.0f;
-  const float s = std::max(noise, floor_);
-  return c * s * s;
+  const float s = std::max(noise, 0.002f);
+  return 5 * s * s;
 }
 
 SparseResult sparse_restore(const float* const data, float* const object, const std::vector<int>& sizes,
@@ -317,7 +347,7 @@ SparseResult sparse_restore(const float* const data, float* const object, const 
   if (options.lambda > 0) {
     result.lambda = options.lambda;
   } else {
-    result.noise = noise_deviation(data, sizes);
+    result.noise = noise_deviation(data, sizes, options.weights);
     result.lambda = sparse_lambda(result.noise, options.alpha);
   }
   // Noiseless data still need a prior to keep the division finite.
@@ -325,8 +355,10 @@ SparseResult sparse_restore(const float* const data, float* const object, const 
   const Grid g = widen(sizes, psf_sizes);
   const RealFft& fft = RealFft::of(g.sizes);
   const Spectra spectra = spectra_of(fft, g, psf, psf_sizes, workers);
-  Splitting s(g, fft, spectra, shrink_for(options.alpha), lambda, options, workers);
-  embed(g, data, options.weights, s.y.data(), s.mask.data(), workers);
+  if (!(options.alpha > 0 && options.alpha <= 2)) throw std::invalid_argument("the prior's exponent lies outside (0, 2]");
+  Splitting s(g, fft, spectra, options.alpha == 2 ? nullptr : &shrink_for(options.alpha), lambda, options, workers);
+  embed(g, data, options.weights, weighted_mean(data, sizes, options.weights, workers), s.y.data(), s.mask.data(),
+        workers);
 
   // The start: x the data (extended), z its differences under the prior.
   std::copy(s.y.begin(), s.y.end(), s.x.begin());

@@ -35,12 +35,13 @@ struct SparseOptions {
   const float* weights = nullptr;
   // The penalty on the differences' split rises from beta_start * lambda by
   // beta_growth, outer_steps times, each held for inner_steps iterations.
-  int outer_steps = 6;
+  int outer_steps = 8;
   int inner_steps = 1;
   float beta_start = 1;
   float beta_growth = 2.828f;
-  // The penalty on the data's split, against the data term's weight of 1.
-  float data_penalty = 1;
+  // The penalty on the data's split, in times the differences' penalty
+  // (it rises with it).
+  float data_penalty = 30;
   // Carry the splits' multipliers (the alternating direction method of
   // multipliers): the iterations then converge to the minimiser itself,
   // which a fixed number of plain splitting steps only approaches.
@@ -54,10 +55,13 @@ struct SparseResult {
 
 // The noise's standard deviation in `data` (any number of axes): the median
 // absolute value of the finest mixed differences along the last two axes
-// (the last one's second differences for a line), over 0.6745.
-float noise_deviation(const float* data, const std::vector<int>& sizes);
+// (the last one's second differences for a line), over 0.6745; blocks with a
+// sample of no weight are left out (weights may be nullptr).
+float noise_deviation(const float* data, const std::vector<int>& sizes, const float* weights = nullptr);
 
-// The prior's weight for data of this noise: tuned by bench/sparse_bench.cpp.
+// The prior's weight for data of this noise, 5 max(noise, 0.002)^2: tuned
+// with the settings above on bench/sparse_bench.cpp's photographs (half or
+// twice the weight lose 0.1 to 0.3 dB there).
 float sparse_lambda(float noise, float alpha);
 
 // Restores one channel: `data` and `object` of `sizes` (outermost axis
