@@ -42,7 +42,12 @@ constexpr double richardson_lucy_bytes = 42, wiener_bytes = 12, exact_bytes = 36
 // four 1.3e-4 (and nothing further than 30 samples from the picture's
 // edges). Richardson-Lucy reaches a PSF further each iteration, but what it
 // reaches fades fast: two extents leave 1e-5 after 20 iterations.
-constexpr int wiener_overlap_extents = 4, richardson_lucy_overlap_extents = 2;
+// The sparse prior's few steps reach further than any PSF (each x-step
+// solves a Poisson equation where the PSF passes nothing), and its prior is
+// not convex: a kept sample can land on the other side of a threshold. Four
+// extents and eight give alike: a few samples in a thousand off by more than
+// 1e-2 (tests/lib/sparse_method_test.cpp).
+constexpr int wiener_overlap_extents = 4, richardson_lucy_overlap_extents = 2, sparse_overlap_extents = 4;
 
 struct Box {
   std::array<int, 3> begin{}, end{};  // z, y, x
@@ -97,7 +102,9 @@ Plan plan_tiles(const Image& blurred, const Image& psf, const RestoreOptions& op
   plan.sparse = options.method == "sparse";
   plan.volume = (plan.richardson_lucy || plan.sparse) && psf.depth > 1;
   plan.psf = {plan.volume ? psf.depth : 1, psf.height, psf.width};
-  const int extents = plan.richardson_lucy ? richardson_lucy_overlap_extents : wiener_overlap_extents;
+  const int extents = plan.richardson_lucy ? richardson_lucy_overlap_extents
+                      : plan.sparse      ? sparse_overlap_extents
+                                         : wiener_overlap_extents;
   for (int a = 0; a < 3; ++a) plan.overlap[a] = plan.psf[a] > 1 ? extents * plan.psf[a] : 0;
   // Split the axis that lowers the footprint most while its tiles keep at
   // least a sample of their own and are no smaller than the PSF.
