@@ -61,7 +61,7 @@ float noise_deviation(const float* data, const std::vector<int>& sizes, const fl
 
 // The prior's weight for data of this noise, 5 max(noise, 0.002)^2: tuned
 // with the settings above on bench/sparse_bench.cpp's photographs (half or
-// twice the weight lose 0.1 to 0.3 dB there).
+// twice the weight lose 0.1 to 0.2 dB there).
 float sparse_lambda(float noise, float alpha);
 
 // Restores one channel: `data` and `object` of `sizes` (outermost axis

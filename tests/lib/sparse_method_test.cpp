@@ -65,8 +65,8 @@ TEST(SparseMethod, RestoresChannelsAndPlanesEachOnItsOwn) {
 
 // Tiles restore nearly what the whole does: the prior is not convex and its
 // few steps reach far, so a few samples in a thousand differ by more than a
-// hundredth of the range (all of them by more than a thousandth at 4 and
-// at 8 PSF extents of overlap alike), none by a tenth.
+// hundredth of the range (one or two in a hundred by more than a
+// thousandth, at 4 and at 8 PSF extents of overlap alike), none by a tenth.
 TEST(SparseMethod, TilesGiveTheWholesResult) {
   const deconv::Image grey = estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 60, 40, 320,
                                                        240, true);
