@@ -30,6 +30,12 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, int workers)
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options,
                               int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {});
 
+// The sparse-prior restoration on the second engine (fast/sparse.h): every
+// plane of every channel on its own, or with a 3-D PSF every channel's stack
+// as a volume. `psf` is normalised here. A strength of 0 or more gives the
+// prior's weight, strength / 1e5; negative: chosen from each plane's noise.
+Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers);
+
 }  // namespace libdeconv
 
 #endif

@@ -5,6 +5,7 @@
 
 #include "fast/problem.h"
 #include "fast/richardson_lucy.h"
+#include "fast/sparse.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
 #include "strength/weigh.h"
@@ -49,6 +50,39 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, const int wo
   Workers pool(workers);
   const Problem problem(placed_psf(kernel, blurred), pool);
   return weigh_picture(problem, blurred.pixels.data(), blurred.channels, pool).strength();
+}
+
+namespace {
+
+// The PSF's first channel (all its planes for a volume, else its first),
+// its negative taps taken as 0, normalised to sum 1.
+std::vector<float> positive_kernel(const Image& psf, const bool volume) {
+  const size_t taps = (size_t)psf.width * psf.height * (volume ? psf.depth : 1);
+  std::vector<float> kernel(psf.pixels.begin(), psf.pixels.begin() + taps);
+  double sum = 0;
+  for (float& p : kernel) sum += (p = std::max(0.0f, p));
+  if (!(sum > 0)) throw Error("the PSF has no positive weight");
+  for (float& p : kernel) p = (float)(p / sum);
+  return kernel;
+}
+
+}  // namespace
+
+Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
+                     const int workers) {
+  const bool volume = psf.depth > 1;
+  const std::vector<float> kernel = positive_kernel(psf, volume);
+  std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
+  if (volume) sizes.insert(sizes.begin(), blurred.depth), psf_sizes.insert(psf_sizes.begin(), psf.depth);
+  const size_t block = (size_t)blurred.width * blurred.height * (volume ? blurred.depth : 1);
+  Workers pool(workers);
+  SparseOptions options;
+  if (settings.strength >= 0) options.lambda = std::max(1e-9f, (float)settings.strength / 1e5f);
+  Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
+  for (size_t b = 0; b < blurred.pixels.size() / block; ++b)
+    sparse_restore(blurred.pixels.data() + b * block, result.pixels.data() + b * block, sizes, kernel.data(),
+                   psf_sizes, options, pool);
+  return result;
 }
 
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,

@@ -83,6 +83,31 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   return restore_richardson_lucy(blurred, kernel, options, workers);
 }
 
+// The sparse prior, behind the same checks; a 2-D PSF restores a stack's
+// planes one by one.
+Image restore_by_sparse(Image blurred, const Image& psf, const RestoreOptions& options) {
+  require_picture(psf, "the PSF");
+  repair_where_asked(blurred, options);
+  const std::optional<CheckedInputs> checked = check_restore_inputs(blurred, psf, options);
+  const Image& kernel = checked ? checked->psf : psf;
+  const RestoreOptions& settings = checked ? checked->options : options;
+  if (options.exact) throw Error("deconv's own engine has the Wiener filter only, not sparse");
+  check_options(settings);
+  for (const float p : kernel.pixels)
+    if (!std::isfinite(p)) throw Error("the PSF holds a value that is not finite");
+  if (kernel.depth > blurred.depth)
+    throw Error("the PSF has " + std::to_string(kernel.depth) + " planes and the picture " +
+                std::to_string(blurred.depth) + ": a 3-D PSF restores a stack at least as deep");
+  FlushDenormals denormals;
+  if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
+    options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
+                   " planes on its own with the 2-D PSF");
+  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers));
+  if (options.clamp)
+    for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
+  return result;
+}
+
 // Every plane of a stack restored as a picture of its own.
 Image restore_planes(const Image& stack, const Image& psf, const RestoreOptions& options) {
   Image result(stack.width, stack.height, stack.depth, stack.channels);
@@ -105,7 +130,9 @@ Image restore_planes(const Image& stack, const Image& psf, const RestoreOptions&
 // picture for the filter.
 std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   if (options.method == "richardson-lucy") return restore_by_richardson_lucy(blurred, psf, options);
-  if (options.method != "wiener") throw Error("unknown method '" + options.method + "': wiener or richardson-lucy");
+  if (options.method == "sparse") return restore_by_sparse(blurred, psf, options);
+  if (options.method != "wiener")
+    throw Error("unknown method '" + options.method + "': wiener, richardson-lucy or sparse");
   if (psf.depth > 1)
     throw Error("the PSF is a stack of " + std::to_string(psf.depth) +
                 " planes: the Wiener filter takes a 2-D PSF, richardson-lucy a 3-D one");

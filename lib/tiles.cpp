@@ -28,6 +28,9 @@ size_t offset(const Image& image, int x, int y, int z, int c) {
 // spectra on its extended grid, 8.5 to 9.5 for the filter's spectra and taper
 // on the picture's own, 33 for deconv's engine; these are rounded up. A
 // tile's own copy and its result add 8 bytes a sample.
+// The sparse prior keeps ten arrays and four spectra on its extended grid
+// (counted, not measured).
+constexpr double sparse_bytes = 56;
 constexpr double richardson_lucy_bytes = 42, wiener_bytes = 12, exact_bytes = 36, tile_copy_bytes = 8;
 
 // How many PSF extents a tile reaches beyond the samples it keeps, measured
@@ -39,7 +42,12 @@ constexpr double richardson_lucy_bytes = 42, wiener_bytes = 12, exact_bytes = 36
 // four 1.3e-4 (and nothing further than 30 samples from the picture's
 // edges). Richardson-Lucy reaches a PSF further each iteration, but what it
 // reaches fades fast: two extents leave 1e-5 after 20 iterations.
-constexpr int wiener_overlap_extents = 4, richardson_lucy_overlap_extents = 2;
+// The sparse prior's few steps reach further than any PSF (each x-step
+// solves a Poisson equation where the PSF passes nothing), and its prior is
+// not convex: a kept sample can land on the other side of a threshold. Four
+// extents and eight give alike: a few samples in a thousand off by more than
+// 1e-2 (tests/lib/sparse_method_test.cpp).
+constexpr int wiener_overlap_extents = 4, richardson_lucy_overlap_extents = 2, sparse_overlap_extents = 4;
 
 struct Box {
   std::array<int, 3> begin{}, end{};  // z, y, x
@@ -50,7 +58,7 @@ struct Plan {
   std::array<int, 3> sizes{}, psf{}, overlap{}, count{1, 1, 1};
   int channels = 1;
   bool volume = false;  // one restoration for all planes (a 3-D PSF)
-  bool richardson_lucy = false, exact = false;
+  bool richardson_lucy = false, exact = false, sparse = false;
 
   int core(int axis) const { return (sizes[axis] + count[axis] - 1) / count[axis]; }
 
@@ -63,12 +71,12 @@ struct Plan {
 
   double footprint(const std::array<int, 3>& tile) const {
     const double planes = (double)tile[0] * channels;
-    if (richardson_lucy) {
+    if (richardson_lucy || sparse) {
       // One channel of one volume, or of one plane, at a time, on the grid
       // extended by the PSF.
       double extended = (double)deconv::spectral::good_size(tile[1] + psf[1] - 1) * deconv::spectral::good_size(tile[2] + psf[2] - 1);
       if (volume) extended *= deconv::spectral::good_size(tile[0] + psf[0] - 1);
-      return richardson_lucy_bytes * extended + tile_copy_bytes * planes * tile[1] * tile[2];
+      return (sparse ? sparse_bytes : richardson_lucy_bytes) * extended + tile_copy_bytes * planes * tile[1] * tile[2];
     }
     // The filter: one plane of every channel at a time.
     const double plane = (double)channels * tile[1] * tile[2];
@@ -91,9 +99,12 @@ Plan plan_tiles(const Image& blurred, const Image& psf, const RestoreOptions& op
   plan.channels = blurred.channels;
   plan.richardson_lucy = options.method == "richardson-lucy";
   plan.exact = options.exact;
-  plan.volume = plan.richardson_lucy && psf.depth > 1;
+  plan.sparse = options.method == "sparse";
+  plan.volume = (plan.richardson_lucy || plan.sparse) && psf.depth > 1;
   plan.psf = {plan.volume ? psf.depth : 1, psf.height, psf.width};
-  const int extents = plan.richardson_lucy ? richardson_lucy_overlap_extents : wiener_overlap_extents;
+  const int extents = plan.richardson_lucy ? richardson_lucy_overlap_extents
+                      : plan.sparse      ? sparse_overlap_extents
+                                         : wiener_overlap_extents;
   for (int a = 0; a < 3; ++a) plan.overlap[a] = plan.psf[a] > 1 ? extents * plan.psf[a] : 0;
   // Split the axis that lowers the footprint most while its tiles keep at
   // least a sample of their own and are no smaller than the PSF.
@@ -164,7 +175,8 @@ std::optional<Image> restore_in_tiles(const Image& blurred, const Image& psf, co
   const std::optional<CheckedInputs> checked = check_restore_inputs(*whole, psf, options);
   const Image& kernel = checked ? checked->psf : psf;
   if (checked) each.strength = checked->options.strength;
-  if (!plan.richardson_lucy && each.strength < 0 && psf.depth == 1) {
+  // The sparse prior's weight follows each tile's own noise.
+  if (!plan.richardson_lucy && !plan.sparse && each.strength < 0 && psf.depth == 1) {
     Box middle;
     for (int a = 0; a < 3; ++a) {
       const int index = plan.count[a] / 2;

@@ -199,6 +199,23 @@ class Stacks(unittest.TestCase):
             self.assertIn(words, str(raised.exception))
 
 
+    def test_sparse_restores_pictures_and_volumes(self):
+        rng = np.random.default_rng(8)
+        z, y, x = np.mgrid[-1:2, -3:4, -3:4]
+        psf3 = np.exp(-(x * x + y * y) / 2.0 - z * z / 2.0)
+        truth = np.zeros((8, 40, 48), np.float32)
+        truth[2:6, 10:30, 12:36] = 0.8
+        kernel = np.fft.ifftshift(np.pad(psf3 / psf3.sum(), ((3, 2), (17, 16), (21, 20))))  # its middle at 0
+        blurred = np.real(np.fft.ifftn(np.fft.fftn(truth) * np.fft.fftn(kernel))).astype(np.float32)
+        blurred += rng.normal(0, 0.01, blurred.shape).astype(np.float32)
+        volume = deconv.restore(blurred, psf3, method="sparse", workers=2)
+        self.assertEqual((volume.shape, volume.dtype), (truth.shape, np.float32))
+        inner = (slice(2, 6), slice(5, 35), slice(5, 43))
+        self.assertLess(np.abs(volume - truth)[inner].mean(), 0.7 * np.abs(blurred - truth)[inner].mean())
+        picture = deconv.restore(blurred[4], "gaussian:1", method="sparse", strength=5)
+        self.assertEqual(picture.shape, (40, 48))
+        self.assertFalse(np.array_equal(picture, deconv.restore(blurred[4], "gaussian:1", method="sparse")))
+
     def test_a_drawn_widefield_psf_is_a_volume_that_restores_a_bead(self):
         text = "widefield:1.2,520,1.33,200,400,7"
         psf = deconv.draw_psf(text)
