@@ -218,21 +218,31 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
   Spectrum scratch(fft.frequencies());
 
   // Each object sample's share of the data it reaches: the correlation of
-  // the data's mask with the PSF. Far outside the data it is too small to
-  // restore anything there.
+  // the data's weights (1 where there are data) with the PSF. Far outside the
+  // data, or where only data weighed 0 are, it is too small to restore
+  // anything there.
+  const float* const given = options.weights;
   RealArray work(n, 0.0f), weight(n);
-  for (const size_t row : e.rows) std::fill(work.begin() + row, work.begin() + row + e.width, 1.0f);
+  for (size_t r = 0; r < e.rows.size(); ++r) {
+    float* const row = work.data() + e.rows[r];
+    if (given)
+      std::copy(given + r * e.width, given + (r + 1) * e.width, row);
+    else
+      std::fill(row, row + e.width, 1.0f);
+  }
   convolve(fft, H, work.data(), weight.data(), scratch, true, workers);
   for (float& w : weight) w = w > 1e-3f ? 1.0f / w : 0.0f;
 
   const size_t data_samples = e.rows.size() * e.width;
-  const double data_sum = ordered_sum(e.rows.size(), workers, [&](size_t r) {
-    double s = 0;
-    for (size_t x = 0; x < e.width; ++x) s += data[r * e.width + x];
-    return s;
+  // The weighed mean of the data, for the flat start.
+  const std::array<double, 2> data_sums = ordered_sums<2>(e.rows.size(), workers, [&](size_t begin, size_t end, auto& s) {
+    for (size_t i = begin * e.width; i < end * e.width; ++i) {
+      const float w = given ? given[i] : 1.0f;
+      if (w > 0) s[0] += (double)w * data[i], s[1] += w;
+    }
   });
-  const float start =
-      options.start > 0 ? options.start : (float)std::max(1e-6, data_sum / data_samples - options.background);
+  const double data_mean = data_sums[1] > 0 ? data_sums[0] / data_sums[1] : 0;
+  const float start = options.start > 0 ? options.start : (float)std::max(1e-6, data_mean - options.background);
   RealArray x(n), previous(n), step(n), last_step(n), predicted(n);
   for (size_t i = 0; i < n; ++i) x[i] = weight[i] > 0 ? start : 0.0f;
   predicted = x;
@@ -255,14 +265,20 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
       std::fill(model + (r < 0 ? 0 : e.width), model + width, 0.0f);
       if (r < 0) return 0.0;
       const float* const y = data + r * e.width;
+      const float* const w = given ? given + r * e.width : nullptr;
       double d = 0;
       for (size_t i = 0; i < e.width; ++i) {
         const float mu = std::max(model[i] + b, 1e-12f);
+        const float weigh = w ? w[i] : 1.0f;
+        if (!(weigh > 0)) {  // nothing of this sample's value may reach the result
+          model[i] = 0;
+          continue;
+        }
         if (gain > 0) {
           const double counts = y[i] / gain, mean = mu / gain;
-          d += 2 * ((counts > 0 ? counts * std::log(counts / mean) : 0) - (counts - mean)) - expected(mean);
+          d += weigh * (2 * ((counts > 0 ? counts * std::log(counts / mean) : 0) - (counts - mean)) - expected(mean));
         }
-        model[i] = std::max(y[i], 0.0f) / mu;
+        model[i] = weigh * std::max(y[i], 0.0f) / mu;
       }
       return d;
     });
@@ -297,8 +313,12 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
       for (size_t i = begin; i < end; ++i) predicted[i] = std::max(0.0f, x[i] + a * (x[i] - previous[i]));
     });
   }
+  // Where no weighed datum reaches, nothing was restored: the data stand.
   for (size_t r = 0; r < e.rows.size(); ++r)
-    std::copy(x.begin() + e.rows[r], x.begin() + e.rows[r] + e.width, object + r * e.width);
+    for (size_t i = 0; i < e.width; ++i) {
+      const size_t at = e.rows[r] + i, d = r * e.width + i;
+      object[d] = weight[at] > 0 ? x[at] : std::max(data[d] - b, 0.0f);
+    }
   return result;
 }
 

@@ -26,9 +26,13 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, int workers)
 // negative taps taken as 0). Returns the iterations the first plane or volume
 // ran. `starts`: each volume's or plane's flat start, channel by channel
 // (none: each its own data's mean less the background). The options'
-// iterations, background, accelerate and total_variation are its own.
+// iterations, background, accelerate and total_variation are its own; its
+// highlights, where above 0, the level of clipped samples left out of the fit
+// (lib/highlights.h), their count with those their blur reaches added to
+// `masked`.
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options,
-                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {});
+                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {},
+                              size_t* masked = nullptr);
 
 }  // namespace libdeconv
 

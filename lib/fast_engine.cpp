@@ -6,6 +6,7 @@
 #include "fast/problem.h"
 #include "fast/richardson_lucy.h"
 #include "lib/engines.h"
+#include "lib/highlights.h"
 #include "lib/image_views.h"
 #include "strength/weigh.h"
 
@@ -52,7 +53,8 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, const int wo
 }
 
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
-                              const int workers, int* const iterations_run, const std::vector<float>& starts) {
+                              const int workers, int* const iterations_run, const std::vector<float>& starts,
+                              size_t* const masked) {
   const bool volume = psf.depth > 1;
   if (volume && psf.depth > blurred.depth)
     throw Error("the PSF has " + std::to_string(psf.depth) + " planes and the picture " +
@@ -79,6 +81,11 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deco
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
   for (size_t b = 0; b < blocks; ++b) {
     if (b < starts.size()) options.start = starts[b];
+    size_t left_out = 0;
+    const std::vector<float> weights = highlight_weights(blurred.pixels.data() + b * block, sizes, kernel.data(),
+                                                         psf_sizes, std::max(0.0f, settings.highlights), pool, &left_out);
+    options.weights = weights.empty() ? nullptr : weights.data();
+    if (masked) *masked += left_out;
     const RichardsonLucyResult run = richardson_lucy(blurred.pixels.data() + b * block, result.pixels.data() + b * block,
                                                      sizes, kernel.data(), psf_sizes, options, pool);
     if (b == 0 && iterations_run) *iterations_run = run.iterations;

@@ -8,6 +8,7 @@
 #include "lib/checks.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
+#include "lib/light.h"
 #include "lib/tiles.h"
 
 namespace deconv {
@@ -80,7 +81,12 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  return restore_richardson_lucy(blurred, kernel, options, workers);
+  size_t masked = 0;
+  Image result = restore_richardson_lucy(blurred, kernel, options, workers, nullptr, {}, &masked);
+  if (masked && options.notice)
+    options.notice("left " + std::to_string(masked) +
+                   " samples out of the fit: clipped highlights and the samples their blur reaches");
+  return result;
 }
 
 // Every plane of a stack restored as a picture of its own.
@@ -117,6 +123,7 @@ std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, c
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) return std::move(*in_light);
   if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) return std::move(*tiled);
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
   int x = 0, y = 0, c = 0;
@@ -137,6 +144,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) {
+    blurred = Image();
+    return std::move(*in_light);
+  }
   if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) {
     blurred = Image();
     return std::move(*tiled);
