@@ -15,8 +15,8 @@ double decode_unsigned(const double v) { return v <= encoded_knee ? v / 12.92 : 
 double encode_unsigned(const double v) { return v <= linear_knee ? v * 12.92 : 1.055 * std::pow(v, 1 / 2.4) - 0.055; }
 
 // A curve over 0..1 sampled at `steps` + 1 points, read linearly. The
-// encoding's steepest part, just above its knee, sets the size: 16384
-// intervals keep it within 2e-6.
+// encoding's most curved part, at its knee, sets the size: 16384 intervals
+// keep it within 4e-6.
 class Table {
  public:
   explicit Table(double (*curve)(double)) : values_(steps + 2) {

@@ -3,7 +3,7 @@
 // a restoration decodes them first and encodes its result again.
 //
 // Both directions read a table over 0..1 with linear interpolation (within
-// 2e-6 of the curve, a thousandth of an 8-bit step, at about a nanosecond a
+// 4e-6 of the curve, a thousandth of an 8-bit step, at a few nanoseconds a
 // sample); values outside 0..1 take the exact formula, negatives mirrored so
 // that ringing below black survives a round trip.
 #ifndef DECONV_IMAGING_SRGB_H
