@@ -43,7 +43,7 @@ struct RichardsonLucyOptions {
   // of 0 takes a sample out of the fit (clipped, or reached by what was): the
   // result is then independent of its value, but for the objects no weighed
   // datum reaches at all, which keep the data's own values (less the
-  // background). The automatic stop measures the noise on every sample.
+  // background).
   const float* weights = nullptr;
   // Told after every iteration: its number and the object so far (the data's
   // grid), for evaluations that follow the iterations.

@@ -214,3 +214,4 @@ TEST(RichardsonLucy, SamplesWeighedZeroLeaveTheResultAlone) {
     }
   EXPECT_NE(first, plain);
 }
+

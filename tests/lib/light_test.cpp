@@ -6,6 +6,7 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <random>
 
 #include "bench/estimate_cases.h"
 #include "imaging/srgb.h"
@@ -203,6 +204,37 @@ TEST(Highlights, AClippedLampDoesNotRing) {
   EXPECT_LT(far_masked, far_believed * 1.05) << far_masked << " " << far_believed;
   // The lamp itself keeps its clipped values.
   EXPECT_FLOAT_EQ(masked.at((int)cx, (int)cy), 1.0f);
+}
+
+// A photograph as a camera forms it (stored values decoded to light, blurred,
+// Poisson noise, encoded, 8 bits), restored in light: the automatic stop
+// lands within 0.6 dB of the best of a grid of iteration counts. Its sides
+// differ, and a noise measure that took the step where the transforms wrap
+// round for noise stopped far too early, 3 dB short.
+TEST(RestoreInLight, StopsNearTheBestIterationOnAPhotograph) {
+  deconv::Image light = camera_crop(180, 60, 160, 128);
+  srgb_decode(light.pixels.data(), light.pixels.size());
+  for (float& v : light.pixels) v *= 0.7f;
+  const deconv::Image psf = deconv::draw_psf("gaussian:2");
+  deconv::Image stored = blurred(light, psf), truth = light;
+  std::mt19937 rng(3);
+  for (float& v : stored.pixels)
+    v = std::round(srgb_encode(std::min(1.0f, std::poisson_distribution<int>(v * 3000)(rng) / 3000.0f)) * 255) / 255;
+  srgb_encode(truth.pixels.data(), truth.pixels.size());
+  const auto psnr = [&](const deconv::Image& out) {
+    double sum = 0;
+    for (size_t i = 0; i < out.pixels.size(); ++i) sum += std::pow(std::clamp(out.pixels[i], 0.0f, 1.0f) - truth.pixels[i], 2);
+    return 10 * std::log10(out.pixels.size() / sum);
+  };
+  deconv::RestoreOptions options;
+  options.method = "richardson-lucy", options.light = "encoded", options.workers = 2;
+  const double automatic = psnr(deconv::restore(stored, psf, options));
+  double best = 0;
+  for (const int iterations : {4, 6, 8, 11, 15, 20, 27}) {
+    options.iterations = iterations;
+    best = std::max(best, psnr(deconv::restore(stored, psf, options)));
+  }
+  EXPECT_GT(automatic, best - 0.6) << automatic << " " << best;
 }
 
 // --light auto: a JPEG is encoded, a 16-bit TIFF linear, and so is a file
