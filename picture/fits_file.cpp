@@ -1,281 +1,253 @@
-// A FITS file is 80-character cards in 2880-byte records, END, then the
-// array in big-endian samples, NAXIS1 fastest, padded again to a record. Rows
-// are stored bottom first, as FITS viewers show them, so row 0 of a picture
-// is the file's last.
+// Rows are stored bottom first, as FITS viewers show them, so row 0 of a
+// picture is the file's last.
 #include "picture/fits_file.h"
+
+#include <fitsio.h>
 
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
+#include <memory>
 
 namespace {
 
 using deconv::Error;
 using deconv::Image;
 
-constexpr size_t record = 2880, card = 80;
+struct FitsCloser {
+  void operator()(fitsfile* file) const {
+    int status = 0;
+    fits_close_file(file, &status);
+  }
+};
+using FitsFile = std::unique_ptr<fitsfile, FitsCloser>;
 
-[[noreturn]] void damaged(const std::string& path, const std::string& reason) {
-  throw Error("cannot read " + path + ": " + reason);
+std::string reason(const int status) {
+  char text[FLEN_STATUS] = "";
+  fits_get_errstatus(status, text);
+  fits_clear_errmsg();
+  return text;
 }
 
-// The header's cards up to END, by keyword, as their value text; false if the
-// file does not start as FITS does. `data` is where the array starts.
-bool read_cards(std::FILE* file, const std::string& path, std::map<std::string, std::string>& cards, long& data) {
-  char block[record];
-  for (long at = 0;; at += (long)record) {
-    if (std::fread(block, 1, record, file) != record) {
-      if (at == 0) return false;
-      damaged(path, "the FITS header has no END");
+[[noreturn]] void damaged(const std::string& path, const std::string& why) {
+  throw Error("cannot read " + path + ": " + why);
+}
+
+bool starts_as_fits(const std::string& path) {
+  std::FILE* const file = std::fopen(path.c_str(), "rb");
+  if (!file) return false;
+  char start[9] = {};
+  const bool fits = std::fread(start, 1, 9, file) == 9 && !std::strncmp(start, "SIMPLE  =", 9);
+  std::fclose(file);
+  return fits;
+}
+
+// Moves to the first HDU holding an image, the primary one first: many
+// observatories leave the primary array empty and put the image in an
+// extension, and cfitsio shows a tile-compressed one as an image.
+void find_image(fitsfile* file, const std::string& path) {
+  for (int status = 0;;) {
+    int type = 0, axes = 0;
+    fits_get_hdu_type(file, &type, &status);
+    if (!status && type == IMAGE_HDU) fits_get_img_dim(file, &axes, &status);
+    if (status) damaged(path, reason(status));
+    if (type == IMAGE_HDU && axes > 0) return;
+    if (fits_movrel_hdu(file, 1, nullptr, &status)) {
+      if (status == END_OF_FILE) damaged(path, "the FITS file holds no image");
+      damaged(path, reason(status));
     }
-    if (at == 0 && std::strncmp(block, "SIMPLE  =", 9) != 0) return false;
-    for (size_t c = 0; c < record; c += card) {
-      std::string keyword(block + c, 8);
-      keyword.erase(keyword.find_last_not_of(' ') + 1);
-      if (keyword == "END") {
-        data = at + (long)record;
-        return true;
-      }
-      if (std::strncmp(block + c + 8, "= ", 2) == 0 && !cards.count(keyword))
-        cards[keyword] = std::string(block + c + 10, card - 10);
-    }
-    if (at > (long)(1000 * record)) damaged(path, "the FITS header has no END");
   }
 }
 
-bool number(const std::map<std::string, std::string>& cards, const std::string& keyword, double& value) {
-  const auto found = cards.find(keyword);
-  if (found == cards.end()) return false;
-  const char* const text = found->second.c_str();
-  char* end = nullptr;
-  value = std::strtod(text, &end);
-  return end != text && std::isfinite(value);
+// Cards of the array's layout, scaling, nulls and checksums describe the
+// file, not the picture: they are written anew.
+bool describes_the_array(const char* card) {
+  const int kind = fits_get_keyclass(const_cast<char*>(card));
+  return kind == TYP_STRUC_KEY || kind == TYP_CMPRS_KEY || kind == TYP_SCAL_KEY || kind == TYP_NULL_KEY ||
+         kind == TYP_DIM_KEY || kind == TYP_CKSUM_KEY || kind == TYP_COMM_KEY || kind == TYP_CONT_KEY;
 }
 
-double number_or(const std::map<std::string, std::string>& cards, const std::string& keyword, const double fallback) {
-  double value;
-  return number(cards, keyword, value) ? value : fallback;
-}
-
-// A card's string value ('text', a quote written twice inside, trailing
-// blanks not counted); false for any other value.
-bool quoted(const std::string& value, std::string& text) {
-  const size_t open = value.find_first_not_of(' ');
-  if (open == std::string::npos || value[open] != '\'') return false;
-  text.clear();
-  for (size_t i = open + 1; i < value.size(); ++i) {
-    if (value[i] != '\'') {
-      text += value[i];
+// The numeric and string cards, each keyword's first.
+void read_cards(fitsfile* file, OIIO::ImageSpec& header) {
+  int status = 0, count = 0;
+  fits_get_hdrspace(file, &count, nullptr, &status);
+  for (int n = 1; n <= count && !status; ++n) {
+    char card[FLEN_CARD] = "", keyword[FLEN_KEYWORD] = "", value[FLEN_VALUE] = "";
+    if (fits_read_record(file, n, card, &status) || describes_the_array(card)) continue;
+    int length = 0;
+    fits_get_keyname(card, keyword, &length, &status);
+    fits_parse_value(card, value, nullptr, &status);
+    char type = 0;
+    if (status || !*keyword || !*value || header.find_attribute(keyword) || fits_get_keytype(value, &type, &status)) {
+      status = 0;
       continue;
     }
-    if (i + 1 < value.size() && value[i + 1] == '\'') {
-      text += '\'';
-      ++i;
-      continue;
+    if (type == 'C') {
+      char text[FLEN_VALUE] = "";
+      fits_read_key(file, TSTRING, keyword, text, nullptr, &status);
+      header.attribute(keyword, std::string(text));
+    } else if (type == 'I' || type == 'F') {
+      double number = 0;
+      fits_read_key(file, TDOUBLE, keyword, &number, nullptr, &status);
+      header.attribute(keyword, (float)number);
     }
-    text.erase(text.find_last_not_of(' ') + 1);
-    return true;
+    status = 0;
   }
-  return false;
-}
-
-// Cards that describe the array itself, not the picture.
-bool structural(const std::string& keyword) {
-  return keyword == "SIMPLE" || keyword == "BITPIX" || keyword.rfind("NAXIS", 0) == 0 || keyword == "BZERO" ||
-         keyword == "BSCALE" || keyword == "EXTEND" || keyword == "END";
-}
-
-// Sample i of the array in the file's own type, big-endian.
-double stored(const unsigned char* data, const int bitpix, const size_t i) {
-  const size_t size = std::abs(bitpix) / 8;
-  uint64_t bits = 0;
-  for (size_t b = 0; b < size; ++b) bits = bits << 8 | data[i * size + b];
-  switch (bitpix) {
-    case 8:
-      return (double)(uint8_t)bits;
-    case 16:
-      return (double)(int16_t)bits;
-    case 32:
-      return (double)(int32_t)bits;
-    case 64:
-      return (double)(int64_t)bits;
-    case -32: {
-      float f;
-      const uint32_t word = (uint32_t)bits;
-      std::memcpy(&f, &word, 4);
-      return f;
-    }
-    default: {
-      double d;
-      std::memcpy(&d, &bits, 8);
-      return d;
-    }
-  }
+  fits_clear_errmsg();
 }
 
 }  // namespace
 
 bool read_fits(const std::string& path, const SampleScale scale, PictureFile& picture) {
-  std::FILE* const file = std::fopen(path.c_str(), "rb");
-  if (!file) return false;
-  std::map<std::string, std::string> cards;
-  long data = 0;
-  std::vector<unsigned char> bytes;
-  try {
-    if (!read_cards(file, path, cards, data)) {
-      std::fclose(file);
-      return false;
-    }
-    double bitpix = 0, axes = 0, width = 0, height = 0;
-    if (!number(cards, "BITPIX", bitpix) || !number(cards, "NAXIS", axes) || !number(cards, "NAXIS1", width) ||
-        !number(cards, "NAXIS2", height))
-      damaged(path, "the FITS header lacks BITPIX or the array's axes");
-    const double channels = axes >= 3 ? number_or(cards, "NAXIS3", 0) : 1;
-    if (bitpix != 8 && bitpix != 16 && bitpix != 32 && bitpix != 64 && bitpix != -32 && bitpix != -64)
-      damaged(path, "BITPIX is not one of 8, 16, 32, 64, -32 and -64");
-    if (axes < 2 || axes > 3 || width < 1 || height < 1 || channels < 1 || width > 1e9 || height > 1e9 ||
-        channels > 1024)
-      damaged(path, "the FITS array is not a picture of two or three axes");
-    require_memory(path, (long)width, (long)height, (int)channels);
-    const size_t count = (size_t)width * (size_t)height * (size_t)channels;
-    bytes.resize(count * (size_t)(std::fabs(bitpix) / 8));
-    if (std::fseek(file, data, SEEK_SET) != 0 || std::fread(bytes.data(), 1, bytes.size(), file) != bytes.size())
-      damaged(path, "the file ends before its last pixel");
-  } catch (...) {
-    std::fclose(file);
-    throw;
-  }
-  std::fclose(file);
+  if (!starts_as_fits(path)) return false;
+  fitsfile* opened = nullptr;
+  int status = 0;
+  // The disk file's name as it stands: cfitsio's other openers read brackets
+  // and suffixes in a name as filters.
+  if (fits_open_diskfile(&opened, path.c_str(), READONLY, &status)) damaged(path, reason(status));
+  const FitsFile file(opened);
+  find_image(file.get(), path);
 
-  const int bits = (int)number_or(cards, "BITPIX", 0);
-  const int width = (int)number_or(cards, "NAXIS1", 0), height = (int)number_or(cards, "NAXIS2", 0);
-  const int channels = (int)number_or(cards, "NAXIS", 0) >= 3 ? (int)number_or(cards, "NAXIS3", 0) : 1;
-  const double zero = number_or(cards, "BZERO", 0), factor = number_or(cards, "BSCALE", 1);
-  picture.depth = bits == 8 && zero == 0 && factor == 1        ? SampleDepth::u8
-                  : bits == 16 && zero == 32768 && factor == 1 ? SampleDepth::u16
-                                                               : SampleDepth::f32;
+  int type = 0, axes = 0;
+  long sizes[3] = {1, 1, 1};
+  fits_get_img_param(file.get(), 3, &type, &axes, sizes, &status);
+  fits_get_img_equivtype(file.get(), &type, &status);  // BITPIX 16 with BZERO 32768: USHORT_IMG
+  if (status) damaged(path, reason(status));
+  const long width = sizes[0], height = axes >= 2 ? sizes[1] : 1, channels = axes >= 3 ? sizes[2] : 1;
+  if (axes < 2 || axes > 3 || width < 1 || height < 1 || channels < 1 || width > 1000000000 ||
+      height > 1000000000 || channels > 1024)
+    damaged(path, "the FITS array is not a picture of two or three axes");
+  require_memory(path, width, height, (int)channels);
+
+  picture.depth = type == BYTE_IMG ? SampleDepth::u8 : type == USHORT_IMG ? SampleDepth::u16 : SampleDepth::f32;
   const float range = scale == SampleScale::raw || picture.depth == SampleDepth::f32 ? 1.0f
                       : picture.depth == SampleDepth::u8                             ? 255.0f
                                                                                      : 65535.0f;
-  picture.header = OIIO::ImageSpec(width, height, channels,
+  picture.header = OIIO::ImageSpec((int)width, (int)height, (int)channels,
                                    picture.depth == SampleDepth::u8    ? OIIO::TypeDesc::UINT8
                                    : picture.depth == SampleDepth::u16 ? OIIO::TypeDesc::UINT16
                                                                        : OIIO::TypeDesc::FLOAT);
-  for (const auto& [keyword, value] : cards) {
-    double v;
-    std::string text;
-    if (structural(keyword)) continue;
-    if (quoted(value, text))
-      picture.header.attribute(keyword, text);
-    else if (number(cards, keyword, v))
-      picture.header.attribute(keyword, (float)v);
-  }
-  picture.image = Image(width, height, channels);
+  read_cards(file.get(), picture.header);
+
+  const size_t count = (size_t)width * height * channels;
+  std::vector<float> stored(count);
+  int any_null = 0;
+  if (fits_read_img(file.get(), TFLOAT, 1, (LONGLONG)count, nullptr, stored.data(), &any_null, &status))
+    damaged(path, status == END_OF_FILE ? "the file ends before its last pixel" : reason(status));
+  picture.image = Image((int)width, (int)height, (int)channels);
   const size_t plane = (size_t)width * height;
-  for (int c = 0; c < channels; ++c)
-    for (int row = 0; row < height; ++row) {
+  for (long c = 0; c < channels; ++c)
+    for (long row = 0; row < height; ++row) {
+      const float* const in = stored.data() + c * plane + (size_t)row * width;
       float* const out = picture.image.pixels.data() + c * plane + (size_t)(height - 1 - row) * width;
-      const size_t first = c * plane + (size_t)row * width;
-      for (int x = 0; x < width; ++x) out[x] = (float)(factor * stored(bytes.data(), bits, first + x) + zero) / range;
+      for (long x = 0; x < width; ++x) out[x] = in[x] / range;
     }
   return true;
 }
 
 namespace {
 
-void put_card(std::string& text, const std::string& keyword, const std::string& value) {
-  char line[card + 1];
-  std::snprintf(line, sizeof line, "%-8.8s= %20.20s", keyword.c_str(), value.c_str());
-  text += line;
-  text.append(card - std::strlen(line), ' ');
-}
-
-// KEYWORD = 'text': quotes inside written twice, at least 8 characters
-// between the quotes, as much of the text as a card holds.
-void put_string_card(std::string& text, const std::string& keyword, const std::string& value) {
-  std::string quoted = "'";
-  for (const char c : value) {
-    if (c < ' ' || c > '~') continue;  // FITS cards hold printable ASCII only
-    if (quoted.size() + (c == '\'' ? 2 : 1) > card - 11) break;
-    quoted += c;
-    if (c == '\'') quoted += c;
-  }
-  while (quoted.size() < 9) quoted += ' ';
-  quoted += '\'';
-  char line[card + 1];
-  std::snprintf(line, sizeof line, "%-8.8s= %s", keyword.c_str(), quoted.c_str());
-  text += line;
-  text.append(card - std::strlen(line), ' ');
+[[noreturn]] void cannot_make(const int status) {
+  throw Error("cannot make the FITS file: " + reason(status));
 }
 
 // A result's sample clamped to 0..1, scaled and truncated as every integer
 // file of these commands is; NaN is 0.
-uint32_t integer_sample(float unit, const float maximum) {
+template <class Sample>
+Sample integer_sample(float unit, const float maximum) {
   unit = unit < 0 ? 0.0f : unit > 1 ? 1.0f : unit;
   const float scaled = unit * maximum;
-  return scaled == scaled ? (uint32_t)scaled : 0;
+  return scaled == scaled ? (Sample)scaled : 0;
 }
 
-}  // namespace
+bool keyword_name(const std::string& name) {
+  return !name.empty() && name.size() <= 8 && std::all_of(name.begin(), name.end(), [](char c) {
+    return std::isupper((unsigned char)c) || std::isdigit((unsigned char)c) || c == '-' || c == '_';
+  });
+}
 
-std::vector<unsigned char> fits_bytes(const OIIO::ImageSpec& header, const Image& image, const Image* alpha) {
-  const int bits = header.format == OIIO::TypeDesc::UINT8 ? 8 : header.format == OIIO::TypeDesc::UINT16 ? 16 : -32;
-  const int channels = image.channels + (alpha ? 1 : 0);
-  std::string text;
-  put_card(text, "SIMPLE", "T");
-  put_card(text, "BITPIX", std::to_string(bits));
-  put_card(text, "NAXIS", channels > 1 ? "3" : "2");
-  put_card(text, "NAXIS1", std::to_string(image.width));
-  put_card(text, "NAXIS2", std::to_string(image.height));
-  if (channels > 1) put_card(text, "NAXIS3", std::to_string(channels));
-  if (bits == 16) {  // FITS has no unsigned type: the stored value is v - 32768
-    put_card(text, "BZERO", "32768");
-    put_card(text, "BSCALE", "1");
-  }
+// The header's numeric and string attributes named as FITS keywords, the
+// cards of the array's own layout excepted: those were written for it.
+void write_cards(fitsfile* file, const OIIO::ImageSpec& header) {
   for (const OIIO::ParamValue& p : header.extra_attribs) {
     const std::string name = p.name().string();
-    const bool keyword = !name.empty() && name.size() <= 8 && std::all_of(name.begin(), name.end(), [](char c) {
-      return std::isupper((unsigned char)c) || std::isdigit((unsigned char)c) || c == '-' || c == '_';
-    });
-    if (!keyword || structural(name) || p.nvalues() != 1) continue;
-    char value[32];
-    if (p.type() == OIIO::TypeDesc::INT)
-      std::snprintf(value, sizeof value, "%d", p.get_int());
-    else if (p.type() == OIIO::TypeDesc::FLOAT)
-      std::snprintf(value, sizeof value, "%.9G", p.get_float());
-    else if (p.type() == OIIO::TypeDesc::STRING)
-      put_string_card(text, name, p.get_string());
-    if (p.type() == OIIO::TypeDesc::INT || p.type() == OIIO::TypeDesc::FLOAT) put_card(text, name, value);
+    char card[FLEN_CARD];
+    std::snprintf(card, sizeof card, "%-8s= 0", name.c_str());
+    if (!keyword_name(name) || p.nvalues() != 1 || describes_the_array(card)) continue;
+    int status = 0;
+    if (p.type() == OIIO::TypeDesc::INT) {
+      fits_update_key_lng(file, name.c_str(), p.get_int(), nullptr, &status);
+    } else if (p.type() == OIIO::TypeDesc::FLOAT) {
+      fits_update_key_dbl(file, name.c_str(), p.get_float(), -9, nullptr, &status);
+    } else if (p.type() == OIIO::TypeDesc::STRING) {
+      std::string text;  // FITS cards hold printable ASCII only
+      for (const char c : p.get_string()) if (c >= ' ' && c <= '~') text += c;
+      fits_update_key_str(file, name.c_str(), text.substr(0, 68).c_str(), nullptr, &status);
+    }
+    if (status) cannot_make(status);
   }
-  text += "END";
-  text.append((record - text.size() % record) % record, ' ');
+}
 
-  std::vector<unsigned char> bytes(text.begin(), text.end());
+template <class Sample>
+std::vector<Sample> stored_planes(const Image& image, const Image* alpha, const float maximum) {
+  const int channels = image.channels + (alpha ? 1 : 0);
   const size_t plane = (size_t)image.width * image.height;
+  std::vector<Sample> out;
+  out.reserve(plane * channels);
   for (int c = 0; c < channels; ++c) {
     const float* const samples = c < image.channels ? image.pixels.data() + c * plane : alpha->pixels.data();
     for (int row = image.height - 1; row >= 0; --row)
       for (int x = 0; x < image.width; ++x) {
         const float v = samples[(size_t)row * image.width + x];
-        uint32_t word;
-        if (bits == 8) {
-          bytes.push_back((unsigned char)integer_sample(v, 255.0f));
-          continue;
-        }
-        if (bits == 16) {
-          word = (integer_sample(v, 65535.0f) - 32768u) & 0xFFFF;
-          bytes.push_back((unsigned char)(word >> 8));
-          bytes.push_back((unsigned char)word);
-          continue;
-        }
-        std::memcpy(&word, &v, 4);
-        for (int shift = 24; shift >= 0; shift -= 8) bytes.push_back((unsigned char)(word >> shift));
+        out.push_back(maximum > 0 ? integer_sample<Sample>(v, maximum) : (Sample)v);
       }
   }
-  bytes.resize(bytes.size() + (record - bytes.size() % record) % record, 0);
-  return bytes;
+  return out;
+}
+
+struct Buffer {
+  void* data = nullptr;
+  size_t size = 0;
+  ~Buffer() { std::free(data); }
+};
+
+}  // namespace
+
+std::vector<unsigned char> fits_bytes(const OIIO::ImageSpec& header, const Image& image, const Image* alpha) {
+  const int bits = header.format == OIIO::TypeDesc::UINT8    ? BYTE_IMG
+                   : header.format == OIIO::TypeDesc::UINT16 ? USHORT_IMG
+                                                             : FLOAT_IMG;
+  const int channels = image.channels + (alpha ? 1 : 0);
+  long sizes[3] = {image.width, image.height, channels};
+  const LONGLONG count = (LONGLONG)image.width * image.height * channels;
+  Buffer memory;
+  LONGLONG length = 0;
+  fitsfile* made = nullptr;
+  int status = 0;
+  if (fits_create_memfile(&made, &memory.data, &memory.size, 1 << 20, std::realloc, &status)) cannot_make(status);
+  {
+    const FitsFile file(made);
+    // cfitsio writes unsigned 16-bit data as FITS has it: signed, BZERO 32768.
+    fits_create_img(file.get(), bits, channels > 1 ? 3 : 2, sizes, &status);
+    if (status) cannot_make(status);
+    write_cards(file.get(), header);
+    if (bits == BYTE_IMG) {
+      auto samples = stored_planes<unsigned char>(image, alpha, 255.0f);
+      fits_write_img(file.get(), TBYTE, 1, count, samples.data(), &status);
+    } else if (bits == USHORT_IMG) {
+      auto samples = stored_planes<unsigned short>(image, alpha, 65535.0f);
+      fits_write_img(file.get(), TUSHORT, 1, count, samples.data(), &status);
+    } else {
+      auto samples = stored_planes<float>(image, alpha, 0.0f);
+      fits_write_img(file.get(), TFLOAT, 1, count, samples.data(), &status);
+    }
+    // The memory grows in steps: the file ends where its data's last record does.
+    LONGLONG header_start = 0, data_start = 0;
+    fits_get_hduaddrll(file.get(), &header_start, &data_start, &length, &status);
+    if (status) cannot_make(status);
+  }  // closing writes the last record
+  const auto* const bytes = static_cast<const unsigned char*>(memory.data);
+  return std::vector<unsigned char>(bytes, bytes + std::min<size_t>(memory.size, (size_t)length));
 }

@@ -1,7 +1,7 @@
-// FITS primary arrays, read and written here rather than by OpenImageIO 2.4,
-// whose reader and writer put every row one off (the bottom row is lost and a
-// row of zeros comes in), take a colour cube's planes for interleaved
-// channels and ignore BZERO, so that unsigned 16-bit data comes out negative.
+// FITS images through cfitsio rather than OpenImageIO 2.4, whose reader and
+// writer put every row one off (the bottom row is lost and a row of zeros
+// comes in), take a colour cube's planes for interleaved channels and ignore
+// BZERO, so that unsigned 16-bit data comes out negative.
 #ifndef DECONV_PICTURE_FITS_FILE_H
 #define DECONV_PICTURE_FITS_FILE_H
 
@@ -10,18 +10,20 @@
 
 #include "picture/picture_file.h"
 
-// Reads `path` if it starts as a FITS file does ("SIMPLE  ="): a plane of
-// NAXIS1 x NAXIS2 samples, or NAXIS3 planes of them, the first row at the
-// bottom. BITPIX 8 is 8-bit, 16 with BZERO 32768 16-bit, anything else float
-// (BSCALE and BZERO applied). Numeric and string cards go to the header
-// (not COMMENT and HISTORY). False, with
-// nothing read, for other files; throws deconv::Error "cannot read PATH:
+// Reads `path` if it starts as a FITS file does ("SIMPLE  ="): the first
+// image in it (the primary array, or the first image extension where the
+// primary has none, tile-compressed ones included), a plane of NAXIS1 x
+// NAXIS2 samples or NAXIS3 planes of them, the first row at the bottom.
+// Unsigned 8- and 16-bit data keep their depth, anything else is float
+// (BSCALE and BZERO applied). The image's numeric and string cards go to the
+// header, not those that describe the array's layout or its checksums. False,
+// with nothing read, for other files; throws deconv::Error "cannot read PATH:
 // REASON" for a FITS file that is damaged or too large.
 bool read_fits(const std::string& path, SampleScale scale, PictureFile& picture);
 
 // The whole FITS file of `header` (its size, depth and the numeric and
-// string attributes named as FITS keywords) and the planes of `image` and `alpha`:
-// header and data each padded to 2880-byte records.
+// string attributes named as FITS keywords) and the planes of `image` and
+// `alpha`.
 std::vector<unsigned char> fits_bytes(const OIIO::ImageSpec& header, const deconv::Image& image,
                                       const deconv::Image* alpha);
 

@@ -8,7 +8,7 @@ packages=(g++ make cmake cimg-dev libfftw3-dev imagemagick graphicsmagick
           googletest libgtest-dev libbenchmark-dev curl python3 gzip
           clang libclang-rt-14-dev dpkg-dev lintian man-db groff-base
           parallel rsync openssh-server openssh-client time bc
-          libopenimageio-dev openimageio-tools pkg-config
+          libopenimageio-dev openimageio-tools pkg-config libcfitsio-dev
           pybind11-dev python3-dev python3-numpy python3-openimageio
           python3-astropy python3-tifffile python3-dask python3-distributed)
 # `setup.sh bench`: also what the benchmarks compare against.

@@ -188,3 +188,28 @@ TEST_P(FitsAgainstAstropy, SamplesStandWhereAstropyPutsThem) {
 
 INSTANTIATE_TEST_SUITE_P(Depths, FitsAgainstAstropy,
                          ::testing::Values(SampleDepth::u8, SampleDepth::u16, SampleDepth::f32));
+
+// Files as observatories write them, through astropy: other sample types,
+// scaled integers, the image in an extension behind an empty primary array,
+// and a tile-compressed one; odd sizes. Each reads back as its values.
+TEST(FitsFromAstropy, EveryLayoutReadsAsItsValues) {
+  TempDir dir;
+  const char* const layouts[] = {
+      "fits.PrimaryHDU(d.astype(np.float64))",
+      "fits.PrimaryHDU(((d - 10) * 2).astype(np.int32)); h.header[\"BSCALE\"] = 0.5; h.header[\"BZERO\"] = 10",
+      "fits.HDUList([fits.PrimaryHDU(), fits.ImageHDU(d.astype(np.float32))])",
+      "fits.HDUList([fits.PrimaryHDU(), fits.CompImageHDU(d.astype(np.int16))])"};
+  for (const char* layout : layouts) {
+    // Samples 0..3192 over 37 x 29 pixels, row r of the picture at the file's row 28 - r.
+    const std::string make = std::string("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
+                                         "d = (np.arange(29 * 37) * 3 % 3193).astype(np.float64).reshape(29, 37)[::-1]\n"
+                                         "h = ") + layout + "\nh.writeto(\"" + (dir / "sky.fits") + "\", overwrite=True)'";
+    ASSERT_EQ(shell(make).first, 0) << layout;
+    const PictureFile sky = read_picture(dir / "sky.fits");
+    ASSERT_EQ(sky.image.width, 37) << layout;
+    ASSERT_EQ(sky.image.height, 29) << layout;
+    EXPECT_EQ(sky.depth, SampleDepth::f32) << layout;
+    for (size_t i = 0; i < sky.image.pixels.size(); i += 7)
+      ASSERT_NEAR(sky.image.pixels[i], (double)(i * 3 % 3193), 1e-3) << layout << " at " << i;
+  }
+}
