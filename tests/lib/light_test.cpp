@@ -135,6 +135,24 @@ TEST(RestoreInLight, DecodesRestoresAndEncodesAgain) {
               testing::HasSubstr("unknown light 'display'"));
 }
 
+// The estimator, told the picture is encoded, estimates from its light: the
+// decoded picture's own estimate, to the bit; unknown words are refused.
+TEST(RestoreInLight, TheEstimatorDecodesToo) {
+  const deconv::Image picture = blurred(camera_crop(140, 60, 240, 200), deconv::draw_psf("motion:7,30"));
+  deconv::Image decoded = picture;
+  srgb_decode(decoded.pixels.data(), decoded.pixels.size());
+  deconv::EstimateOptions options;
+  options.max_size = 15, options.threads = 2;
+  const deconv::PsfEstimate from_light = deconv::estimate_psf(decoded, options);
+  options.light = "encoded";
+  const deconv::PsfEstimate from_encoded = deconv::estimate_psf(picture, options);
+  EXPECT_EQ(from_encoded.psf.pixels, from_light.psf.pixels);
+  EXPECT_EQ(from_encoded.description, from_light.description);
+  options.light = "gamma";
+  EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(picture, options); }),
+              testing::HasSubstr("unknown light 'gamma'"));
+}
+
 // The filter cannot leave samples out: it says so where a level was named,
 // and is silent where the level is automatic; richardson-lucy with the
 // highlights off says nothing either.
