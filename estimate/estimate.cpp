@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "estimate/estimate.h"
+#include "imaging/srgb.h"
 
 namespace deconv {
 
@@ -132,6 +133,7 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
 
 PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   using namespace estimation;
+  if (options.light != "linear") return estimate_psf(imaging::in_linear_light(blurred, options.light), imaging::for_linear_light(options));
   if (blurred.depth != 1)
     throw Error("the blur is estimated from a picture, not a stack of " + std::to_string(blurred.depth) + " planes");
   if (blurred.width <= 0 || blurred.height <= 0 || blurred.channels <= 0 ||

@@ -39,6 +39,12 @@ struct RichardsonLucyOptions {
   // background. A part of a picture restored on its own starts from the
   // whole's level, where it is to match the whole.
   float start = 0;
+  // How much each datum counts, on the data's grid; nullptr: all 1. A weight
+  // of 0 takes a sample out of the fit (clipped, or reached by what was): the
+  // result is then independent of its value, but for the objects no weighed
+  // datum reaches at all, which keep the data's own values (less the
+  // background).
+  const float* weights = nullptr;
   // Told after every iteration: its number and the object so far (the data's
   // grid), for evaluations that follow the iterations.
   std::function<void(int iteration, const float* object)> each_iteration;

@@ -26,15 +26,21 @@ int choose_strength_fast(const Image& blurred, const Image& kernel, int workers)
 // negative taps taken as 0). Returns the iterations the first plane or volume
 // ran. `starts`: each volume's or plane's flat start, channel by channel
 // (none: each its own data's mean less the background). The options'
-// iterations, background, accelerate and total_variation are its own.
+// iterations, background, accelerate and total_variation are its own; its
+// highlights, where above 0, the level of clipped samples left out of the fit
+// (lib/highlights.h), their count with those their blur reaches added to
+// `masked`.
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options,
-                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {});
+                              int workers, int* iterations_run = nullptr, const std::vector<float>& starts = {},
+                              size_t* masked = nullptr);
 
 // The sparse-prior restoration on the second engine (fast/sparse.h): every
 // plane of every channel on its own, or with a 3-D PSF every channel's stack
 // as a volume. `psf` is normalised here. A strength of 0 or more gives the
 // prior's weight, strength / 1e5; negative: chosen from each plane's noise.
-Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers);
+// Clipped highlights are left out as restore_richardson_lucy leaves them.
+Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers,
+                     size_t* masked = nullptr);
 
 }  // namespace libdeconv
 

@@ -7,6 +7,7 @@
 #include "fast/richardson_lucy.h"
 #include "fast/sparse.h"
 #include "lib/engines.h"
+#include "lib/highlights.h"
 #include "lib/image_views.h"
 #include "strength/weigh.h"
 
@@ -69,7 +70,7 @@ std::vector<float> positive_kernel(const Image& psf, const bool volume) {
 }  // namespace
 
 Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
-                     const int workers) {
+                     const int workers, size_t* const masked) {
   const bool volume = psf.depth > 1;
   const std::vector<float> kernel = positive_kernel(psf, volume);
   std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
@@ -79,25 +80,26 @@ Image restore_sparse(const Image& blurred, const Image& psf, const deconv::Resto
   SparseOptions options;
   if (settings.strength >= 0) options.lambda = std::max(1e-9f, (float)settings.strength / 1e5f);
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
-  for (size_t b = 0; b < blurred.pixels.size() / block; ++b)
+  for (size_t b = 0; b < blurred.pixels.size() / block; ++b) {
+    size_t left_out = 0;
+    const std::vector<float> weights = highlight_weights(blurred.pixels.data() + b * block, sizes, kernel.data(),
+                                                         psf_sizes, std::max(0.0f, settings.highlights), pool, &left_out);
+    options.weights = weights.empty() ? nullptr : weights.data();
+    if (masked) *masked += left_out;
     sparse_restore(blurred.pixels.data() + b * block, result.pixels.data() + b * block, sizes, kernel.data(),
                    psf_sizes, options, pool);
+  }
   return result;
 }
 
 Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
-                              const int workers, int* const iterations_run, const std::vector<float>& starts) {
+                              const int workers, int* const iterations_run, const std::vector<float>& starts,
+                              size_t* const masked) {
   const bool volume = psf.depth > 1;
   if (volume && psf.depth > blurred.depth)
     throw Error("the PSF has " + std::to_string(psf.depth) + " planes and the picture " +
                 std::to_string(blurred.depth) + ": a 3-D PSF restores a stack at least as deep");
-  // The PSF's first channel: all its planes for a volume, else its first.
-  const size_t psf_taps = (size_t)psf.width * psf.height * (volume ? psf.depth : 1);
-  std::vector<float> kernel(psf.pixels.begin(), psf.pixels.begin() + psf_taps);
-  double sum = 0;
-  for (float& p : kernel) sum += (p = std::max(0.0f, p));
-  if (!(sum > 0)) throw Error("the PSF has no positive weight");
-  for (float& p : kernel) p = (float)(p / sum);
+  const std::vector<float> kernel = positive_kernel(psf, volume);
 
   std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
   if (volume) sizes.insert(sizes.begin(), blurred.depth), psf_sizes.insert(psf_sizes.begin(), psf.depth);
@@ -113,6 +115,11 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deco
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
   for (size_t b = 0; b < blocks; ++b) {
     if (b < starts.size()) options.start = starts[b];
+    size_t left_out = 0;
+    const std::vector<float> weights = highlight_weights(blurred.pixels.data() + b * block, sizes, kernel.data(),
+                                                         psf_sizes, std::max(0.0f, settings.highlights), pool, &left_out);
+    options.weights = weights.empty() ? nullptr : weights.data();
+    if (masked) *masked += left_out;
     const RichardsonLucyResult run = richardson_lucy(blurred.pixels.data() + b * block, result.pixels.data() + b * block,
                                                      sizes, kernel.data(), psf_sizes, options, pool);
     if (b == 0 && iterations_run) *iterations_run = run.iterations;

@@ -8,6 +8,7 @@
 #include "lib/checks.h"
 #include "lib/engines.h"
 #include "lib/image_views.h"
+#include "lib/light.h"
 #include "lib/tiles.h"
 
 namespace deconv {
@@ -68,6 +69,12 @@ void finish(Image& result, const RestoreOptions& options, const bool from_exact)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
 }
 
+void tell_masked(const size_t masked, const RestoreOptions& options) {
+  if (masked && options.notice)
+    options.notice("left " + std::to_string(masked) +
+                   " samples out of the fit: clipped highlights and the samples their blur reaches");
+}
+
 // Richardson-Lucy, behind the checks every restoration makes.
 Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(psf, "the PSF");
@@ -80,7 +87,10 @@ Image restore_by_richardson_lucy(Image blurred, const Image& psf, const RestoreO
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  return restore_richardson_lucy(blurred, kernel, options, workers);
+  size_t masked = 0;
+  Image result = restore_richardson_lucy(blurred, kernel, options, workers, nullptr, {}, &masked);
+  tell_masked(masked, options);
+  return result;
 }
 
 // The sparse prior, behind the same checks; a 2-D PSF restores a stack's
@@ -102,7 +112,9 @@ Image restore_by_sparse(Image blurred, const Image& psf, const RestoreOptions& o
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers));
+  size_t masked = 0;
+  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers), &masked);
+  tell_masked(masked, options);
   if (options.clamp)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
   return result;
@@ -144,6 +156,7 @@ std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, c
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) return std::move(*in_light);
   if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) return std::move(*tiled);
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
   int x = 0, y = 0, c = 0;
@@ -164,6 +177,10 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) {
+    blurred = Image();
+    return std::move(*in_light);
+  }
   if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) {
     blurred = Image();
     return std::move(*tiled);

@@ -236,13 +236,37 @@ void method_from(const py::object& method, const py::object& iterations, const p
   options.accelerate = flag_from(accelerate, "accelerate");
 }
 
+// light= as the library's: "auto" takes 8-bit integer arrays (the samples of
+// JPEG and PNG files) for sRGB-encoded, where the method is richardson-lucy.
+std::string light_from(const py::object& light, const py::array& array, const bool weighs) {
+  if (!py::isinstance<py::str>(light) ||
+      (light.cast<std::string>() != "auto" && light.cast<std::string>() != "linear" &&
+       light.cast<std::string>() != "encoded"))
+    throw deconv::Error("light must be \"auto\", \"linear\" or \"encoded\", not " + short_repr(light));
+  const std::string word = light.cast<std::string>();
+  if (word != "auto") return word;
+  const bool bytes = array.dtype().kind() == 'u' && array.itemsize() == 1;
+  return weighs && bytes ? "encoded" : "linear";
+}
+
+// highlights= as RestoreOptions::highlights: "auto", None (none) or a level.
+float highlights_from(const py::object& highlights) {
+  if (highlights.is_none()) return -1;
+  if (py::isinstance<py::str>(highlights) && highlights.cast<std::string>() == "auto") return 0;
+  if ((py::isinstance<py::int_>(highlights) || py::isinstance<py::float_>(highlights)) &&
+      !py::isinstance<py::bool_>(highlights) && highlights.cast<double>() > 0)
+    return highlights.cast<float>();
+  throw deconv::Error("highlights must be \"auto\", None or a level above 0, not " + short_repr(highlights));
+}
+
 py::object restore(const py::object& image, const py::object& psf, const py::object& strength,
                    const py::object& align, const py::object& workers, const py::object& compressed,
                    const py::object& repair_nonfinite, const py::object& subtract_psf_background,
                    const py::object& exact, const py::object& method, const py::object& iterations,
                    const py::object& background, const py::object& accelerate, const py::object& channel_axis,
-                   const py::object& total_variation) {
+                   const py::object& total_variation, const py::object& light, const py::object& highlights) {
   deconv::RestoreOptions options;
+  options.highlights = highlights_from(highlights);
   method_from(method, iterations, background, total_variation, accelerate, options);
   options.exact = flag_from(exact, "exact");
   options.strength = strength_from(strength);
@@ -258,6 +282,7 @@ py::object restore(const py::object& image, const py::object& psf, const py::obj
   const py::array array = as_array(image, "the picture");
   const Axes axes = picture_axes(array, kernel.depth > 1, channel_axis);
   deconv::Image blurred = to_image(array, "the picture", axes, false, true);
+  options.light = light_from(light, array, options.method == "richardson-lucy");
   deconv::Image result;
   {
     py::gil_scoped_release unlocked;
@@ -297,7 +322,7 @@ py::array_t<float> draw_psf(const py::object& text) {
 
 #ifdef DECONV_HAS_ESTIMATE
 py::tuple estimate_psf(const py::object& image, const py::object& max_size, const py::object& region,
-                       const py::object& model, const py::object& threads) {
+                       const py::object& model, const py::object& threads, const py::object& light) {
   deconv::EstimateOptions options;
   if (!py::isinstance<py::int_>(max_size) || py::isinstance<py::bool_>(max_size))
     throw deconv::Error("max_size must be a whole number of pixels, not " + short_repr(max_size));
@@ -317,7 +342,9 @@ py::tuple estimate_psf(const py::object& image, const py::object& max_size, cons
   }
   options.model = model.cast<std::string>();
   options.threads = workers_from(threads);
-  const deconv::Image blurred = picture_from(image);
+  const py::array array = as_array(image, "the picture");
+  const deconv::Image blurred = to_image(array, "the picture", picture_axes(array, false, py::str("auto")), false, true);
+  options.light = light_from(light, array, true);
   deconv::PsfEstimate estimate;
   {
     py::gil_scoped_release unlocked;
@@ -373,7 +400,8 @@ TypeError) with a one-line message.
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
         py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
         py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("accelerate") = true,
-        py::arg("channel_axis") = "auto", py::arg("total_variation") = 0.0,
+        py::arg("channel_axis") = "auto", py::arg("total_variation") = 0.0, py::arg("light") = "auto",
+        py::arg("highlights") = "auto",
         R"(Restores a blurred picture, or a stack, whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
@@ -418,6 +446,17 @@ repair_nonfinite  True replaces samples that are NaN or infinite by the
 subtract_psf_background  True takes the floor of the PSF's border off a
           PSF that stands on a background (a star or bead cut from a picture
           with its sky), with a UserWarning; False refuses such a PSF.
+light     "linear": the values are in proportion to light; "encoded":
+          they are sRGB-encoded (as 8-bit JPEG and PNG files store them),
+          decoded to light before the restoration and the result encoded
+          again. "auto": encoded for uint8 arrays with richardson-lucy,
+          linear otherwise (the filter's strength is chosen on stored
+          values).
+highlights  the clipping level, in the picture's units (0..1 for integer
+          arrays): richardson-lucy leaves the samples at or above it, and
+          those their blur reaches, out of its fit, with a UserWarning
+          saying how many, so that a clipped lamp does not ring. "auto":
+          0.98 where the picture lies within 0..1; None: none.
 exact     True restores on the deconv command's own engine, for its very
           numbers (with align=False, and integers as 8-bit samples); False,
           the default, on the second engine, which agrees with it to float
@@ -465,7 +504,7 @@ description  "gaussian:SIGMA", "motion:LENGTH,ANGLE" (degrees
 
 #ifdef DECONV_HAS_ESTIMATE
   m.def("estimate_psf", &estimate_psf, py::arg("image"), py::arg("max_size") = 0, py::arg("region") = py::none(),
-        py::arg("model") = "kernel", py::arg("threads") = py::none(),
+        py::arg("model") = "kernel", py::arg("threads") = py::none(), py::arg("light") = "linear",
         R"(Estimates the blur of a picture from the picture alone.
 
 image     (H, W) or (H, W, C) array, read as restore() reads it.
@@ -473,6 +512,9 @@ max_size  the largest side of the PSF in pixels; 0 chooses one.
 region    (x, y, width, height) of the part to look at; None chooses one.
 model     the library's model of the blur; "kernel" is a free PSF.
 threads   threads to use; None takes the machine's cores.
+light     "linear" (the stored values, as the estimator was tuned on),
+          "encoded" (sRGB: decoded to light first) or "auto" (encoded for
+          uint8 arrays).
 
 Returns (psf, description): the PSF as a float32 2-D array, ready for
 restore(), and the blur in draw_psf()'s words where a model was fitted.

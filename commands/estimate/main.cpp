@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "estimate/estimate.h"
+#include "picture/light.h"
 #include "picture/picture_file.h"
 
 namespace {
@@ -28,6 +29,9 @@ const char* const usage =
     "                     of about one megapixel rich in edges)\n"
     "  --model M          kernel (default), motion, disk or gaussian\n"
     "  --threads N        threads for the transforms (default: the cores)\n"
+    "  --light L          linear (default), encoded or auto: encoded (sRGB) values\n"
+    "                     are decoded to light first; auto takes what the file\n"
+    "                     says, else encoded for 8 bits, linear otherwise\n"
     "  --progress, --quiet  each stage and scale on stderr always, or never\n"
     "                     (default: when stderr is a terminal)\n"
     "  --help             this text\n"
@@ -53,6 +57,7 @@ int main(int argc, char** argv) {
   deconv::EstimateOptions options;
   std::vector<std::string> paths;
   int progress = -1;  // -1: only on a terminal
+  std::string light = "linear";  // the estimator's thresholds were tuned on stored values
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     const bool has_value = i + 1 < argc;
@@ -68,6 +73,11 @@ int main(int argc, char** argv) {
       if (!has_value || !whole(argv[++i], 3, 501, options.max_size)) return bad("--size takes a number of pixels from 3 to 501");
     } else if (arg == "--threads") {
       if (!has_value || !whole(argv[++i], 1, 256, options.threads)) return bad("--threads takes a number from 1 to 256");
+    } else if (arg == "--light") {
+      if (!has_value) return bad("--light takes auto, linear or encoded");
+      light = argv[++i];
+      if (light != "auto" && light != "linear" && light != "encoded")
+        return bad("--light takes auto, linear or encoded, not \"" + light + "\"");
     } else if (arg == "--model") {
       if (!has_value) return bad("--model takes kernel, motion, disk or gaussian");
       options.model = argv[++i];
@@ -109,6 +119,7 @@ int main(int argc, char** argv) {
   deconv::PsfEstimate estimate;
   try {
     const PictureFile picture = read_picture(input);
+    options.light = light_for(light, picture);
     estimate = deconv::estimate_psf(picture.image, options);
   } catch (const deconv::Error& e) {
     const std::string what = e.what();

@@ -13,6 +13,7 @@
 
 #include <unistd.h>
 
+#include "picture/light.h"
 #include "picture/picture_file.h"
 #include "commands/restore/options.h"
 #include "commands/restore/sharpness.h"
@@ -30,6 +31,13 @@ deconv::Image peak_at_one(const deconv::Image& psf) {
   return plane;
 }
 
+// The light of --light: auto is the file's own for richardson-lucy; the
+// filter's strength choice was weighed on stored values, which it keeps.
+std::string light_of(const RestoreCommand& command, const PictureFile& file) {
+  if (command.light != "auto") return command.light;
+  return command.method == "richardson-lucy" ? light_of(file) : "linear";
+}
+
 int fail(const std::string& message) {
   std::fprintf(stderr, "deconv-restore: %s\n", message.c_str());
   return 11;
@@ -39,11 +47,13 @@ void warn(const std::string& message) { std::fprintf(stderr, "deconv-restore: wa
 
 // The PSF of --psf: estimated from the picture, drawn, or a file whose
 // samples count only as proportions.
-deconv::Image load_psf(const RestoreCommand& command, const deconv::Image& picture) {
+deconv::Image load_psf(const RestoreCommand& command, const PictureFile& file) {
+  const deconv::Image& picture = file.image;
   const std::string& psf = command.psf;
   const std::string& input = command.input;
   if (psf == "auto") {
     deconv::EstimateOptions estimation;
+    estimation.light = light_of(command, file);
     if (command.progress == 1 || (command.progress < 0 && isatty(2)))
       estimation.progress = [&input](const std::string& stage, double scale) {
         std::fprintf(stderr, "deconv-restore: %s: estimating the blur: %s at scale %.3g\n", input.c_str(),
@@ -68,7 +78,7 @@ int main(int argc, char** argv) {
   try {
     require_known_format(command.output);
     PictureFile picture = read_picture(command.input);
-    const deconv::Image psf = load_psf(command, picture.image);
+    const deconv::Image psf = load_psf(command, picture);
     // A stack's result, or a 3-D PSF kept, can only go into TIFF: said before the work.
     require_stack_format(command.output, picture.image.depth);
     if (!command.save_psf.empty()) require_stack_format(command.save_psf, psf.depth);
@@ -82,10 +92,14 @@ int main(int argc, char** argv) {
     options.total_variation = (float)command.total_variation;
     options.accelerate = command.accelerate;
     options.memory = (size_t)command.memory << 20;
-    // The picture's samples are scaled by their file's range; so is the background.
-    options.background = (float)(command.background / (picture.depth == SampleDepth::u8    ? 255.0
-                                                        : picture.depth == SampleDepth::u16 ? 65535.0
-                                                                                            : 1.0));
+    // The picture's samples are scaled by their file's range; so are the
+    // background and the clipping level. A float file has no range to clip at.
+    const double range = picture.depth == SampleDepth::u8 ? 255.0 : picture.depth == SampleDepth::u16 ? 65535.0 : 1.0;
+    options.background = (float)(command.background / range);
+    options.highlights = command.highlights > 0                                        ? (float)(command.highlights / range)
+                         : command.highlights < 0 || picture.depth == SampleDepth::f32 ? -1.0f
+                                                                                       : 0.0f;
+    options.light = light_of(command, picture);
     options.clamp = false;
     options.compressed = picture.compressed;
     options.repair_nonfinite = command.repair_nonfinite;

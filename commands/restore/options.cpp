@@ -45,6 +45,15 @@ const char* const help =
     "                              weight for noisy data, 0 (default) to about 0.02\n"
     "  --no-accelerate             richardson-lucy without extrapolated iterations:\n"
     "                              tiles then give the untiled result\n"
+    "  --light auto|linear|encoded  restore in light: encoded values (sRGB) are\n"
+    "                              decoded first and the result encoded again\n"
+    "                              (default auto: for richardson-lucy what the file\n"
+    "                              says, else encoded for 8 bits and linear for 16\n"
+    "                              and float; linear for the wiener filter)\n"
+    "  --highlights auto|off|X     richardson-lucy leaves samples at or above X (the\n"
+    "                              input's own units) and those their blur reaches\n"
+    "                              out of its fit (default auto: 98 % of an integer\n"
+    "                              file's range; none for floats)\n"
     "  --memory MIB                the restoration's working memory; a picture or\n"
     "                              stack that needs more is restored in overlapping\n"
     "                              tiles (default: no limit)\n"
@@ -113,7 +122,7 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
       const std::string name = arg.substr(0, equals);
       if (name != "--psf" && name != "--strength" && name != "--workers" && name != "--depth" && name != "--quality" &&
           name != "--save-psf" && name != "--method" && name != "--iterations" && name != "--background" &&
-          name != "--total-variation" && name != "--memory")
+          name != "--total-variation" && name != "--memory" && name != "--light" && name != "--highlights")
         return refuse("unknown option '" + arg + "'");
       std::string value;
       if (equals != std::string::npos)
@@ -153,6 +162,16 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
         command.background = std::strtod(value.c_str(), &end);
         if (value.empty() || *end || !std::isfinite(command.background) || command.background < 0)
           return refuse("--background takes a number of 0 or more, not '" + value + "'");
+      } else if (name == "--light") {
+        if (value != "auto" && value != "linear" && value != "encoded")
+          return refuse("--light takes auto, linear or encoded, not '" + value + "'");
+        command.light = value;
+      } else if (name == "--highlights") {
+        char* end = nullptr;
+        command.highlights = value == "auto" ? 0 : value == "off" ? -1 : std::strtod(value.c_str(), &end);
+        if (value != "auto" && value != "off" && (value.empty() || *end || !(command.highlights > 0) ||
+                                                  !std::isfinite(command.highlights)))
+          return refuse("--highlights takes auto, off or a level above 0, not '" + value + "'");
       } else if (name == "--memory") {
         if (!whole_number(value.c_str(), 1, 1 << 30, command.memory))
           return refuse("--memory takes a whole number of MiB from 1, not '" + value + "'");

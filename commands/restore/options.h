@@ -20,6 +20,8 @@ struct RestoreCommand {
   double total_variation = 0;     // richardson-lucy's prior's weight
   bool accelerate = true;         // richardson-lucy's extrapolation
   int memory = 0;                 // MiB of working memory; 0: no limit
+  std::string light = "auto";     // "linear", "encoded", or "auto": the file's own
+  double highlights = 0;          // the clipping level in the input's units; 0: the file's, -1: none
   bool depth_given = false;
   SampleDepth depth = SampleDepth::u8;
   std::string save_psf;  // where to keep the PSF used; empty: nowhere

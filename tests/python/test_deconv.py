@@ -8,6 +8,7 @@ import os
 import subprocess
 import tempfile
 import unittest
+import warnings
 
 import numpy as np
 import OpenImageIO as oiio
@@ -323,6 +324,37 @@ class StackFiles(unittest.TestCase):
                     self.assertEqual(done.returncode, 11)
                     self.assertIn(words, done.stderr)
                     self.assertFalse(os.path.exists(given[-1]))
+
+
+class Light(unittest.TestCase):
+    """light= and highlights= as the library takes them: "auto" reads uint8
+    arrays as sRGB-encoded for richardson-lucy, a delta PSF gives the picture
+    back through the decoding, and clipped samples are told of."""
+
+    def test_auto_light_and_clipped_highlights(self):
+        photo = (picture((40, 48)) * 255).astype(np.uint8)
+        photo[5:9, 10:14] = 255
+        delta = np.ones((1, 1), np.float32)
+        rl = dict(method="richardson-lucy", iterations=6, workers=1)
+        back = deconv.restore(photo, delta, light="encoded", highlights=None, **rl)
+        self.assertLess(np.abs(back * 255 - photo).max(), 0.01)
+        psf = deconv.draw_psf("gaussian:1.2")
+        with warnings.catch_warnings(record=True) as said:
+            warnings.simplefilter("always")
+            auto = deconv.restore(photo, psf, **rl)
+        self.assertEqual([str(w.message)[:13] for w in said], ["deconv: left "])
+        np.testing.assert_array_equal(auto, deconv.restore(photo, psf, light="encoded", **rl))
+        self.assertFalse(np.array_equal(auto, deconv.restore(photo, psf, light="linear", **rl)))
+        # Floats and the filter are linear unless told otherwise.
+        floats = photo / np.float32(255)
+        np.testing.assert_array_equal(deconv.restore(floats, psf, highlights=None, **rl),
+                                      deconv.restore(floats, psf, light="linear", highlights=None, **rl))
+        np.testing.assert_array_equal(deconv.restore(photo, psf, strength=10),
+                                      deconv.restore(photo, psf, strength=10, light="linear"))
+        for given, words in [(dict(light="sRGB"), "light must be"), (dict(highlights=-1), "highlights must be")]:
+            with self.subTest(words), self.assertRaises(deconv.Error) as raised:
+                deconv.restore(photo, psf, **given)
+            self.assertIn(words, str(raised.exception))
 
 
 class Errors(unittest.TestCase):

@@ -106,6 +106,21 @@ struct RestoreOptions {
   // stop and its extrapolation are each tile's own: give it `iterations` and
   // accelerate off for the untiled result.
   size_t memory = 0;
+  // How the values stand to light. "linear": in proportion to it, restored
+  // as they are. "encoded": 0..1 through the sRGB curve, as 8-bit JPEG and
+  // PNG files store them; a blur happens in light, before the camera encodes
+  // it, so they are decoded before the restoration and its result encoded
+  // again.
+  std::string light = "linear";
+  // The clipping level, in the picture's units (before any decoding): a
+  // sample at or above it says only that its light was at least that much.
+  // richardson-lucy and sparse leave those samples, and every one their
+  // blur reaches, out of their fit (they keep their values) and tell
+  // `notice` how many.
+  // 0: 0.98 where the picture lies within 0..1 (a file's full range), none
+  // otherwise; negative: none. The wiener filter weighs every sample alike:
+  // given a level, it says in a notice how many samples it rings around.
+  float highlights = 0;
 
   // Samples of the picture that are not finite (NaN, infinite) are refused,
   // naming their count and the first one; with repair_nonfinite each is
@@ -173,6 +188,8 @@ struct EstimateOptions {
   // picture and drawn as draw_psf() draws it.
   std::string model = "kernel";
   int threads = 0;  // 0: the machine's cores
+  // As RestoreOptions::light: "encoded" pictures are decoded to light first.
+  std::string light = "linear";
   // Told as each stage and scale begins: the stage ("coarse to fine",
   // "refining", "fitting", "checking") and the scale of the picture it works
   // on (1 is full size), about ten calls an estimate. Called on the caller's
