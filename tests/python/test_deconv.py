@@ -356,6 +356,21 @@ class Light(unittest.TestCase):
                 deconv.restore(photo, psf, **given)
             self.assertIn(words, str(raised.exception))
 
+    def test_extrapolated_iterations_stay_bounded_in_dark_linear_light(self):
+        # A dark photograph decoded to light, blurred without noise: where
+        # extrapolation drove samples to 0 the iterations once diverged.
+        encoded = read_floats(os.path.join(TESTDATA, "astronaut.png"))[100:260, 100:260, 0]
+        linear = np.where(encoded <= 0.04045, encoded / 12.92, ((encoded + 0.055) / 1.055) ** 2.4)
+        y, x = np.mgrid[-6:7, -6:7]
+        psf = np.exp(-(x * x + y * y) / 8.0)
+        kernel = np.fft.ifftshift(np.pad(psf / psf.sum(), ((80, 79), (80, 79))))
+        wide = np.fft.fft2(np.pad(linear, 6, mode="symmetric")) * np.fft.fft2(kernel)
+        blurred = np.real(np.fft.ifft2(wide))[6:-6, 6:-6].astype(np.float32)
+        for iterations in (30, 60):
+            restored = deconv.restore(blurred, psf, method="richardson-lucy", iterations=iterations, highlights=None)
+            self.assertLess(restored.max(), 1.1)
+            self.assertLess(np.abs(restored - linear).mean(), 0.7 * np.abs(blurred - linear).mean())
+
 
 class Errors(unittest.TestCase):
     def test_refusals_carry_the_message(self):
