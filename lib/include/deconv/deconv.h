@@ -79,8 +79,9 @@ struct RestoreOptions {
   // strength is given, else it follows the picture's noise; each plane (or,
   // with a 3-D PSF, each stack) on its own; align does not apply; its prior
   // is not convex, and tiles (`memory`) leave a few samples in a thousand
-  // 1e-2 of the range or more from the untiled result. The exact
-  // engine has the filter only.
+  // 1e-2 of the range or more from the untiled result, and clipped
+  // highlights, which only the prior settles, further. The exact engine has
+  // the filter only.
   std::string method = "wiener";
   // richardson-lucy: the iterations; 0 stops where the fit to the data is as
   // close as their noise allows.
