@@ -60,7 +60,9 @@ import deconv  # noqa: E402
 CANDIDATES = [("wiener", {}), ("wiener+light", {"light": "auto"}),
               ("richardson-lucy", {"method": "richardson-lucy"}),
               ("richardson-lucy+light", {"method": "richardson-lucy", "light": "auto"}),
-              ("sparse", {"method": "sparse"}), ("sparse+light", {"method": "sparse", "light": "auto"})]
+              ("sparse", {"method": "sparse"}), ("sparse+light", {"method": "sparse", "light": "auto"}),
+              ("sparse+encoded", {"method": "sparse", "light": "encoded"}),
+              ("sparse-unclipped", {"method": "sparse", "highlights": None})]
 SHIFT = 2
 ORACLE_ITERATIONS = [5, 10, 20, 40, 80, 160]
 

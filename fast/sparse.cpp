@@ -190,12 +190,14 @@ class Splitting {
   // v between the data and k * x (plus the multiplier), per sample; the
   // next x-step's target v - u into `target`.
   void v_step(const float beta) {
-    const float mu = options_.data_penalty * beta;
+    const float mu = options_.data_penalty * beta, clip = options_.clip_level;
     const bool multipliers = options_.multipliers;
     workers_.run_ranges(n_, [&](const size_t begin, const size_t end) {
       for (size_t i = begin; i < end; ++i) {
         const float t = target[i] + u_[i];
-        const float v = (mask[i] * y[i] + mu * t) / (mask[i] + mu);
+        // A clipped sample only bounds k * x from below.
+        const bool bound = clip > 0 && mask[i] > 0 && y[i] >= clip;
+        const float v = bound && t >= y[i] ? t : (mask[i] * y[i] + mu * t) / (mask[i] + mu);
         u_[i] = multipliers ? t - v : 0.0f;
         target[i] = v - u_[i];
       }

@@ -33,6 +33,11 @@ struct SparseOptions {
   // Each sample's weight in the data term, on the data's grid (0 takes a
   // sample out: a clipped highlight); nullptr: all 1.
   const float* weights = nullptr;
+  // Samples of the data at or above this level are clipped: they say only
+  // that the blurred light there was at least the level, and the fit holds
+  // them to that bound alone (the saturation model of Whyte, Sivic &
+  // Zisserman 2014). 0: none.
+  float clip_level = 0;
   // The penalty on the differences' split rises from beta_start * lambda by
   // beta_growth, outer_steps times, each held for inner_steps iterations.
   int outer_steps = 8;

@@ -38,9 +38,10 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deco
 // plane of every channel on its own, or with a 3-D PSF every channel's stack
 // as a volume. `psf` is normalised here. A strength of 0 or more gives the
 // prior's weight, strength / 1e5; negative: chosen from each plane's noise.
-// Clipped highlights are left out as restore_richardson_lucy leaves them.
+// Samples at or above a positive options.highlights are clipped: held to it
+// as a lower bound; their count is added to `clipped`.
 Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers,
-                     size_t* masked = nullptr);
+                     size_t* clipped = nullptr);
 
 }  // namespace libdeconv
 

@@ -1,6 +1,7 @@
 // restore() and choose_strength() on the second engine: one pool and one
 // prepared problem a call, the channels one after the other, each restored
 // straight into the result.
+#include <algorithm>
 #include <stdexcept>
 
 #include "fast/problem.h"
@@ -70,7 +71,7 @@ std::vector<float> positive_kernel(const Image& psf, const bool volume) {
 }  // namespace
 
 Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
-                     const int workers, size_t* const masked) {
+                     const int workers, size_t* const clipped) {
   const bool volume = psf.depth > 1;
   const std::vector<float> kernel = positive_kernel(psf, volume);
   std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
@@ -80,14 +81,12 @@ Image restore_sparse(const Image& blurred, const Image& psf, const deconv::Resto
   SparseOptions options;
   if (settings.strength >= 0) options.lambda = std::max(1e-9f, (float)settings.strength / 1e5f);
   Image result(blurred.width, blurred.height, blurred.depth, blurred.channels);
+  options.clip_level = std::max(0.0f, settings.highlights);
   for (size_t b = 0; b < blurred.pixels.size() / block; ++b) {
-    size_t left_out = 0;
-    const std::vector<float> weights = highlight_weights(blurred.pixels.data() + b * block, sizes, kernel.data(),
-                                                         psf_sizes, std::max(0.0f, settings.highlights), pool, &left_out);
-    options.weights = weights.empty() ? nullptr : weights.data();
-    if (masked) *masked += left_out;
-    sparse_restore(blurred.pixels.data() + b * block, result.pixels.data() + b * block, sizes, kernel.data(),
-                   psf_sizes, options, pool);
+    const float* const plane = blurred.pixels.data() + b * block;
+    if (clipped && options.clip_level > 0)
+      *clipped += std::count_if(plane, plane + block, [&](float v) { return v >= options.clip_level; });
+    sparse_restore(plane, result.pixels.data() + b * block, sizes, kernel.data(), psf_sizes, options, pool);
   }
   return result;
 }

@@ -112,9 +112,11 @@ Image restore_by_sparse(Image blurred, const Image& psf, const RestoreOptions& o
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  size_t masked = 0;
-  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers), &masked);
-  tell_masked(masked, options);
+  size_t clipped = 0;
+  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers), &clipped);
+  if (clipped && options.notice)
+    options.notice("held " + std::to_string(clipped) +
+                   " clipped samples only to a lower bound: their light was at least the clipping level");
   if (options.clamp)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
   return result;

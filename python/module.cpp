@@ -237,7 +237,8 @@ void method_from(const py::object& method, const py::object& iterations, const p
 }
 
 // light= as the library's: "auto" takes 8-bit integer arrays (the samples of
-// JPEG and PNG files) for sRGB-encoded, where the method is richardson-lucy.
+// JPEG and PNG files) for sRGB-encoded, where the method is richardson-lucy
+// or sparse.
 std::string light_from(const py::object& light, const py::array& array, const bool weighs) {
   if (!py::isinstance<py::str>(light) ||
       (light.cast<std::string>() != "auto" && light.cast<std::string>() != "linear" &&
@@ -282,7 +283,7 @@ py::object restore(const py::object& image, const py::object& psf, const py::obj
   const py::array array = as_array(image, "the picture");
   const Axes axes = picture_axes(array, kernel.depth > 1, channel_axis);
   deconv::Image blurred = to_image(array, "the picture", axes, false, true);
-  options.light = light_from(light, array, options.method == "richardson-lucy");
+  options.light = light_from(light, array, options.method != "wiener");
   deconv::Image result;
   {
     py::gil_scoped_release unlocked;

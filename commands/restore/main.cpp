@@ -31,11 +31,12 @@ deconv::Image peak_at_one(const deconv::Image& psf) {
   return plane;
 }
 
-// The light of --light: auto is the file's own for richardson-lucy; the
-// filter's strength choice was weighed on stored values, which it keeps.
+// The light of --light: auto is the file's own for the methods that model a
+// camera (richardson-lucy, sparse); the filter's strength choice was weighed
+// on stored values, which it keeps.
 std::string light_of(const RestoreCommand& command, const PictureFile& file) {
   if (command.light != "auto") return command.light;
-  return command.method == "richardson-lucy" ? light_of(file) : "linear";
+  return command.method != "wiener" ? light_of(file) : "linear";
 }
 
 int fail(const std::string& message) {

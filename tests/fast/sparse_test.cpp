@@ -243,6 +243,32 @@ TEST(SparseRestore, SamplesOfNoWeightHaveNoSay) {
   EXPECT_GT(std::fabs(weighed[25 * 64 + 10] - first[25 * 64 + 10]), 1.0f);
 }
 
+// A lamp forty times the full scale, clipped at 1 after the blur: held to
+// that level as a lower bound, the samples around it are restored without
+// the rings a fit to the clipped values leaves.
+TEST(SparseRestore, ClippedSamplesBoundTheModelFromBelow) {
+  Scene s = scene({48, 64}, {9, 9}, 1.5, 0.002, 5);
+  const int ly = 24, lx = 32;
+  s.truth[ly * 64 + lx] = 40;
+  for (int dy = -4; dy <= 4; ++dy)
+    for (int dx = -4; dx <= 4; ++dx) s.data[(ly + dy) * 64 + lx + dx] += 40 * s.psf[(dy + 4) * 9 + dx + 4];
+  for (float& d : s.data) d = std::min(d, 1.0f);
+  fast::SparseOptions options;
+  const std::vector<float> fitted = restore(s, options);
+  options.clip_level = 1;
+  const std::vector<float> bounded = restore(s, options);
+  double fitted_error = 0, bounded_error = 0;
+  for (int y = 0; y < 48; ++y)
+    for (int x = 0; x < 64; ++x) {
+      const double r = std::hypot(y - ly, x - lx);
+      if (r < 3 || r > 12) continue;
+      fitted_error += std::pow(fitted[y * 64 + x] - s.truth[y * 64 + x], 2);
+      bounded_error += std::pow(bounded[y * 64 + x] - s.truth[y * 64 + x], 2);
+    }
+  EXPECT_LT(bounded_error, 0.5 * fitted_error);
+  EXPECT_GT(bounded[ly * 64 + lx], 1.5f);
+}
+
 // The PSNR against the truth of the samples within `band` of an edge, and
 // of the others.
 std::pair<double, double> band_and_interior(const std::vector<float>& x, const Scene& s, int band) {

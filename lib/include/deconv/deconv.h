@@ -79,9 +79,8 @@ struct RestoreOptions {
   // strength is given, else it follows the picture's noise; each plane (or,
   // with a 3-D PSF, each stack) on its own; align does not apply; its prior
   // is not convex, and tiles (`memory`) leave a few samples in a thousand
-  // 1e-2 of the range or more from the untiled result, and clipped
-  // highlights, which only the prior settles, further. The exact engine has
-  // the filter only.
+  // 1e-2 of the range or more from the untiled result. The exact
+  // engine has the filter only.
   std::string method = "wiener";
   // richardson-lucy: the iterations; 0 stops where the fit to the data is as
   // close as their noise allows.
@@ -115,9 +114,9 @@ struct RestoreOptions {
   std::string light = "linear";
   // The clipping level, in the picture's units (before any decoding): a
   // sample at or above it says only that its light was at least that much.
-  // richardson-lucy and sparse leave those samples, and every one their
-  // blur reaches, out of their fit (they keep their values) and tell
-  // `notice` how many.
+  // richardson-lucy leaves those samples, and every one their blur reaches,
+  // out of its fit (they keep their values); sparse holds them to the level
+  // as a lower bound; both tell `notice` how many.
   // 0: 0.98 where the picture lies within 0..1 (a file's full range), none
   // otherwise; negative: none. The wiener filter weighs every sample alike:
   // given a level, it says in a notice how many samples it rings around.
