@@ -1,9 +1,9 @@
 """The Python module against deconv-restore on the same files, its reading of
-numpy's types and layouts, its threads, and its errors.
+numpy's types and layouts, and its errors. Calls at once in threads are
+library_test's EnginesRunAtOnceWithoutMeeting, and the Dask case's here.
 
 Runs with the module's folder on PYTHONPATH, DECONV_RESTORE naming the
 command and DECONV_TESTDATA the photographs (tests/CMakeLists.txt sets them)."""
-import concurrent.futures
 import os
 import subprocess
 import tempfile
@@ -94,28 +94,14 @@ class Reading(unittest.TestCase):
 
     def test_text_psfs_and_compressed_as_the_command_takes_them(self):
         blurred = (picture((64, 64, 3), seed=1) * 255).astype(np.uint8)  # chooses 52, or 65 as a JPEG
-        for text in ["gaussian:2", "motion:9,30", "disk:3", "box:5,3"]:
-            with self.subTest(text):
-                np.testing.assert_array_equal(deconv.restore(blurred, text, strength=10, workers=1),
-                                              deconv.restore(blurred, deconv.draw_psf(text), strength=10, workers=1))
-        psf = deconv.draw_psf("motion:9,30")
+        psf = deconv.draw_psf("motion:9,30")  # every kind's drawing is the library's tests'
+        np.testing.assert_array_equal(deconv.restore(blurred, "motion:9,30", strength=10, workers=1),
+                                      deconv.restore(blurred, psf, strength=10, workers=1))
         jpeg = deconv.choose_strength(blurred, psf, compressed=True)
         self.assertGreater(jpeg, deconv.choose_strength(blurred, psf))
         self.assertEqual(deconv.choose_strength(blurred, "motion:9,30", compressed=True), jpeg)
         np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1),
                                       deconv.restore(blurred, psf, strength=jpeg, workers=1))
-
-class Threads(unittest.TestCase):
-    def test_eight_threads_as_one(self):
-        blurred = (picture((96, 128, 3), seed=5) * 255).astype(np.uint8)
-        psf = deconv.draw_psf("motion:9,30")
-        alone = deconv.restore(blurred, psf, strength=10, workers=1)
-        with concurrent.futures.ThreadPoolExecutor(8) as pool:
-            results = list(pool.map(lambda _: deconv.restore(blurred, psf, strength=10, workers=1), range(8)))
-        for result in results:
-            np.testing.assert_array_equal(result, alone)
-        self.assertEqual([n for n in os.listdir("/dev/shm") if n.startswith("sem.deconv.%d." % os.getpid())], [])
-
 
 class Estimation(unittest.TestCase):
     def test_a_motion_comes_back_and_a_flat_picture_is_refused(self):
