@@ -78,13 +78,14 @@ double psnr(const std::vector<float>& estimate, const std::vector<float>& truth)
 }
 
 std::vector<float> restore(const Scene& s, int iterations, int threads = 2, bool accelerate = true,
-                           float total_variation = 0) {
+                           float total_variation = 0, const float* weights = nullptr) {
   spectral::Workers workers(threads);
   fast::RichardsonLucyOptions options;
   options.iterations = iterations;
   options.background = 10;
   options.accelerate = accelerate;
   options.total_variation = total_variation;
+  options.weights = weights;
   std::vector<float> out(s.data.size());
   fast::richardson_lucy(s.data.data(), out.data(), s.sizes, s.psf.data(), s.psf_sizes, options, workers);
   return out;
@@ -167,23 +168,6 @@ TEST(RichardsonLucy, GivesTheSameBitsForAnyNumberOfThreads) {
   EXPECT_EQ(0, std::memcmp(prior.data(), restore(s, 10, 8, true, 0.01f).data(), prior.size() * 4));
 }
 
-}  // namespace
-
-namespace {
-
-std::vector<float> restore_weighed(const Scene& s, const float* weights, int iterations) {
-  spectral::Workers workers(2);
-  fast::RichardsonLucyOptions options;
-  options.iterations = iterations;
-  options.background = 10;
-  options.weights = weights;
-  std::vector<float> out(s.data.size());
-  fast::richardson_lucy(s.data.data(), out.data(), s.sizes, s.psf.data(), s.psf_sizes, options, workers);
-  return out;
-}
-
-}  // namespace
-
 // Weights of 0 take samples out of the fit: whatever those hold (even NaN),
 // the rest of the result is the same to the bit, the mean they would have
 // pulled the start to included; the objects that only they reach keep the
@@ -192,15 +176,15 @@ TEST(RichardsonLucy, SamplesWeighedZeroLeaveTheResultAlone) {
   Scene s = scene({48, 56}, {1.5, 1.5}, 0, 6);
   std::vector<float> weights(s.data.size(), 1.0f);
   const std::vector<float> plain = restore(s, 15);
-  EXPECT_EQ(restore_weighed(s, weights.data(), 15), plain);
+  EXPECT_EQ(restore(s, 15, 2, true, 0, weights.data()), plain);
   // A block out of the fit: 12 x 14 samples, wider than the PSF (11 taps).
   for (int y = 10; y < 22; ++y)
     for (int x = 20; x < 34; ++x) weights[y * 56 + x] = 0;
-  const std::vector<float> first = restore_weighed(s, weights.data(), 15);
+  const std::vector<float> first = restore(s, 15, 2, true, 0, weights.data());
   Scene changed = s;
   for (size_t i = 0; i < weights.size(); ++i)
     if (!weights[i]) changed.data[i] = i % 7 ? 5000.0f * (i % 3) : NAN;
-  const std::vector<float> second = restore_weighed(changed, weights.data(), 15);
+  const std::vector<float> second = restore(changed, 15, 2, true, 0, weights.data());
   for (int y = 0; y < 48; ++y)
     for (int x = 0; x < 56; ++x) {
       const size_t i = y * 56 + x;
@@ -215,3 +199,4 @@ TEST(RichardsonLucy, SamplesWeighedZeroLeaveTheResultAlone) {
   EXPECT_NE(first, plain);
 }
 
+}  // namespace

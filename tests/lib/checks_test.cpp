@@ -17,24 +17,19 @@ deconv::Image photo(int w, int h, int channels = 1) {
                                    120, 80, w, h, channels == 1);
 }
 
+CImg<float> as_cimg(const deconv::Image& image) {
+  return CImg<float>(image.pixels.data(), image.width, image.height, 1, image.channels);
+}
+
 // `psf` in the middle of a square of `side`, every tap lifted by `pedestal`
 // of its peak.
 deconv::Image framed(const deconv::Image& psf, int side, float pedestal) {
-  deconv::Image out(side, side, 1);
-  const int o = (side - psf.width) / 2;
-  for (float& v : out.pixels) v = pedestal;
-  for (int y = 0; y < psf.height; ++y)
-    for (int x = 0; x < psf.width; ++x) out.at(x + o, y + o) += psf.at(x, y);
-  return out;
+  CImg<float> out(side, side, 1, 1, 0.0f);
+  return estimate_eval::to_image(out.draw_image((side - psf.width) / 2, (side - psf.height) / 2, as_cimg(psf)) + pedestal, 1);
 }
 
 double largest_difference(const deconv::Image& a, const deconv::Image& b, int border) {
-  double most = 0;
-  for (int c = 0; c < a.channels; ++c)
-    for (int y = border; y < a.height - border; ++y)
-      for (int x = border; x < a.width - border; ++x)
-        most = std::max(most, (double)std::fabs(a.at(x, y, c) - b.at(x, y, c)));
-  return most;
+  return (as_cimg(a) - as_cimg(b)).crop(border, border, a.width - 1 - border, a.height - 1 - border).abs().max();
 }
 
 deconv::RestoreOptions fixed_strength() {

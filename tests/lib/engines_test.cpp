@@ -1,9 +1,8 @@
 // The library's two engines: the second agrees with deconv's own to float
-// rounding, and gives the same bits for any number of workers and threads.
+// rounding and gives the same bits for any number of workers; stacks.
 #include <gmock/gmock.h>
 
 #include <cmath>
-#include <thread>
 
 #include "bench/estimate_cases.h"
 #include "tests/support.h"
@@ -52,30 +51,13 @@ TEST(Engines, TheSecondAgreesWithDeconvsOwnToFloatRounding) {
   }
 }
 
-// 1, 2 and 8 workers, and four calls at once in threads of their own, give
-// the same bits; so does the choice of strength.
+// 1, 2 and 8 workers give the same bits (calls at once in threads of their
+// own are library_test's EnginesRunAtOnceWithoutMeeting).
 TEST(Engines, TheSecondGivesTheSameBitsForAnyWorkers) {
   const deconv::Image picture = photo("coffee.png", 0, 0, 300, 217), psf = deconv::draw_psf("motion:11,60");
   const deconv::Image one = restored(picture, psf, false, true, 1);
   for (const int workers : {2, 8}) EXPECT_EQ(restored(picture, psf, false, true, workers).pixels, one.pixels);
-  std::vector<deconv::Image> results(4);
-  std::vector<int> strengths(4);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      results[t] = restored(picture, psf, false, true, 1 + t);
-      strengths[t] = deconv::choose_strength(picture, psf);
-    });
-  for (std::thread& t : threads) t.join();
-  for (int t = 0; t < 4; ++t) {
-    EXPECT_EQ(results[t].pixels, one.pixels) << t;
-    EXPECT_EQ(strengths[t], strengths[0]) << t;
-  }
 }
-
-}  // namespace
-
-namespace {
 
 // Stacks: a 2-D PSF restores every plane as that plane alone; a 3-D PSF
 // restores the stack as a volume with richardson-lucy, and is refused on a

@@ -28,11 +28,7 @@ const std::string camera = "/usr/lib/python3/dist-packages/skimage/data/camera.p
 // step; the tables stay within 4e-6 of the formulas, across the knee too;
 // outside 0..1 the formulas hold, mirrored below 0, and NaN stays NaN.
 TEST(SrgbCurve, GivesEveryEightBitValueBackAndFollowsTheFormulas) {
-  for (int k = 0; k < 256; ++k) {
-    const float back = srgb_encode(srgb_decode(k / 255.0f)) * 255;
-    EXPECT_NEAR(back, k, 0.01) << k;
-    EXPECT_NEAR(srgb_decode(k / 255.0f), srgb_decode_exact(k / 255.0), 2e-6) << k;
-  }
+  for (int k = 0; k < 256; ++k) EXPECT_NEAR(srgb_encode(srgb_decode(k / 255.0f)) * 255, k, 0.01) << k;
   for (int i = 0; i <= 100000; ++i) {
     const double v = i / 100000.0;
     ASSERT_NEAR(srgb_decode((float)v), srgb_decode_exact(v), 4e-6) << v;
@@ -44,14 +40,12 @@ TEST(SrgbCurve, GivesEveryEightBitValueBackAndFollowsTheFormulas) {
   EXPECT_FLOAT_EQ(srgb_decode(1.5f), (float)std::pow(1.5 + 0.055, 2.4) / (float)std::pow(1.055, 2.4));
   EXPECT_TRUE(std::isnan(srgb_encode(NAN)));
   // The array forms agree with the one-sample ones, and come back.
-  std::vector<float> many = {0.0f, 0.25f, 1.0f, 2.0f, -0.5f};
+  const std::vector<float> given = {0.0f, 0.25f, 1.0f, 2.0f, -0.5f};
+  std::vector<float> many = given;
   srgb_encode(many.data(), many.size());
-  EXPECT_FLOAT_EQ(many[1], srgb_encode(0.25f));
-  EXPECT_FLOAT_EQ(many[3], srgb_encode(2.0f));
+  for (size_t i = 0; i < many.size(); ++i) EXPECT_FLOAT_EQ(many[i], srgb_encode(given[i])) << given[i];
   srgb_decode(many.data(), many.size());
-  EXPECT_NEAR(many[1], 0.25f, 1e-6);
-  EXPECT_NEAR(many[3], 2.0f, 1e-5);
-  EXPECT_NEAR(many[4], -0.5f, 1e-6);
+  for (size_t i = 0; i < many.size(); ++i) EXPECT_NEAR(many[i], given[i], 1e-5) << given[i];
 }
 
 // One clipped sample and a PSF whose taps lie to its right: the samples its
@@ -81,21 +75,8 @@ deconv::Image camera_crop(int x, int y, int w, int h) { return estimate_eval::ph
 
 // `image` blurred by `psf` (odd sides, centred), its borders extended.
 deconv::Image blurred(const deconv::Image& image, const deconv::Image& psf) {
-  deconv::Image out(image.width, image.height, 1);
-  double sum = 0;
-  for (float p : psf.pixels) sum += p;
-  for (int y = 0; y < image.height; ++y)
-    for (int x = 0; x < image.width; ++x) {
-      double v = 0;
-      for (int j = 0; j < psf.height; ++j)
-        for (int i = 0; i < psf.width; ++i) {
-          const int sx = std::clamp(x - i + psf.width / 2, 0, image.width - 1);
-          const int sy = std::clamp(y - j + psf.height / 2, 0, image.height - 1);
-          v += psf.at(i, j) * image.at(sx, sy);
-        }
-      out.at(x, y) = (float)(v / sum);
-    }
-  return out;
+  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
+  return estimate_eval::to_image(CImg<float>(image.pixels.data(), image.width, image.height).convolve(kernel / kernel.sum(), 1), 1);
 }
 
 // With light "encoded" the picture is decoded, restored and encoded again:

@@ -1,9 +1,9 @@
 """The Python module against deconv-restore on the same files, its reading of
-numpy's types and layouts, its threads, and its errors.
+numpy's types and layouts, and its errors. Calls at once in threads are
+library_test's EnginesRunAtOnceWithoutMeeting, and the Dask case's here.
 
 Runs with the module's folder on PYTHONPATH, DECONV_RESTORE naming the
 command and DECONV_TESTDATA the photographs (tests/CMakeLists.txt sets them)."""
-import concurrent.futures
 import os
 import subprocess
 import tempfile
@@ -94,37 +94,14 @@ class Reading(unittest.TestCase):
 
     def test_text_psfs_and_compressed_as_the_command_takes_them(self):
         blurred = (picture((64, 64, 3), seed=1) * 255).astype(np.uint8)  # chooses 52, or 65 as a JPEG
-        for text in ["gaussian:2", "motion:9,30", "disk:3", "box:5,3"]:
-            with self.subTest(text):
-                np.testing.assert_array_equal(deconv.restore(blurred, text, strength=10, workers=1),
-                                              deconv.restore(blurred, deconv.draw_psf(text), strength=10, workers=1))
-        psf = deconv.draw_psf("motion:9,30")
+        psf = deconv.draw_psf("motion:9,30")  # every kind's drawing is the library's tests'
+        np.testing.assert_array_equal(deconv.restore(blurred, "motion:9,30", strength=10, workers=1),
+                                      deconv.restore(blurred, psf, strength=10, workers=1))
         jpeg = deconv.choose_strength(blurred, psf, compressed=True)
         self.assertGreater(jpeg, deconv.choose_strength(blurred, psf))
         self.assertEqual(deconv.choose_strength(blurred, "motion:9,30", compressed=True), jpeg)
         np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1),
                                       deconv.restore(blurred, psf, strength=jpeg, workers=1))
-
-    def test_auto_strength_is_the_chosen_one(self):
-        blurred = (picture((48, 48, 3), seed=4) * 255).astype(np.uint8)
-        psf = deconv.draw_psf("motion:9,30")
-        chosen = deconv.choose_strength(blurred, psf)
-        self.assertTrue(1 <= chosen <= 200)
-        np.testing.assert_array_equal(deconv.restore(blurred, psf, workers=1),
-                                      deconv.restore(blurred, psf, strength=chosen, workers=1))
-
-
-class Threads(unittest.TestCase):
-    def test_eight_threads_as_one(self):
-        blurred = (picture((96, 128, 3), seed=5) * 255).astype(np.uint8)
-        psf = deconv.draw_psf("motion:9,30")
-        alone = deconv.restore(blurred, psf, strength=10, workers=1)
-        with concurrent.futures.ThreadPoolExecutor(8) as pool:
-            results = list(pool.map(lambda _: deconv.restore(blurred, psf, strength=10, workers=1), range(8)))
-        for result in results:
-            np.testing.assert_array_equal(result, alone)
-        self.assertEqual([n for n in os.listdir("/dev/shm") if n.startswith("sem.deconv.%d." % os.getpid())], [])
-
 
 class Estimation(unittest.TestCase):
     def test_a_motion_comes_back_and_a_flat_picture_is_refused(self):
@@ -141,34 +118,25 @@ class Estimation(unittest.TestCase):
 
 class Checks(unittest.TestCase):
     """What the library refuses or repairs, from Python: samples that are not
-    finite, a PSF larger than the picture or on a background."""
+    finite, a PSF on a background."""
 
     def test_nonfinite_samples_refused_or_repaired_with_a_warning(self):
         blurred = picture((40, 56, 3), seed=2).astype(np.float32)
-        for value in [np.nan, np.inf, -np.inf]:
-            with self.subTest(value=value):
-                holed = blurred.copy()
-                holed[5, 7, 1] = holed[30, 2, 0] = value
-                with self.assertRaises(deconv.Error) as raised:
-                    deconv.restore(holed, "disk:2", strength=10)
-                self.assertIn("2 samples that are not finite (NaN or infinite), the first at x 2, y 30, channel 0",
-                              str(raised.exception))
-                with self.assertWarnsRegex(UserWarning, "replaced 2 samples"):
-                    repaired = deconv.restore(holed, "disk:2", strength=10, repair_nonfinite=True)
-                self.assertTrue(np.isfinite(repaired).all())
+        holed = blurred.copy()
+        holed[5, 7, 1] = holed[30, 2, 0] = np.inf
+        with self.assertRaises(deconv.Error) as raised:
+            deconv.restore(holed, "disk:2", strength=10)
+        self.assertIn("2 samples that are not finite (NaN or infinite), the first at x 2, y 30, channel 0",
+                      str(raised.exception))
+        with self.assertWarnsRegex(UserWarning, "replaced 2 samples"):
+            self.assertTrue(np.isfinite(deconv.restore(holed, "disk:2", strength=10, repair_nonfinite=True)).all())
 
-    def test_psf_larger_or_on_a_background(self):
+    def test_psf_on_a_background_refused_or_subtracted_with_a_warning(self):
+        # What else the library refuses is checks_test's: here its error is an exception and its notice a warning.
         blurred = picture((60, 80)).astype(np.float32)
         star = np.pad(deconv.draw_psf("gaussian:2"), 9) + 0.02
-        cases = [(lambda: deconv.restore(blurred, "box:61,3"), "the PSF (63 x 63) is larger than the picture (80 x 60)"),
-                 (lambda: deconv.restore(blurred, star, strength=10), "stands on a background"),
-                 (lambda: deconv.choose_strength(blurred, star), "stands on a background"),
-                 (lambda: deconv.draw_psf("gaussian:1e9"), "wider than 2001 pixels")]
-        for call, words in cases:
-            with self.subTest(words):
-                with self.assertRaises(deconv.Error) as raised:
-                    call()
-                self.assertIn(words, str(raised.exception))
+        with self.assertRaisesRegex(deconv.Error, "stands on a background"):
+            deconv.restore(blurred, star, strength=10)
         with self.assertWarnsRegex(UserWarning, "background"):
             self.assertEqual(deconv.restore(blurred, star, strength=10, subtract_psf_background=True).shape, blurred.shape)
 
@@ -192,50 +160,31 @@ class Stacks(unittest.TestCase):
         np.testing.assert_array_equal(deconv.restore(stack[:3], "gaussian:1", strength=10, workers=1, channel_axis=0),
                                       np.moveaxis(first, -1, 0))
         for call, words in [(lambda: deconv.restore(stack[..., :5].transpose(1, 2, 0), "gaussian:1"), "channel_axis=None"),
-                            (lambda: deconv.restore(stack[0], psf3, method="richardson-lucy"), "(Z, Y, X) stack"),
-                            (lambda: deconv.restore(stack, psf3), "richardson-lucy a 3-D one"),
-                            (lambda: deconv.restore(stack, psf3, method="blind"), "unknown method")]:
+                            (lambda: deconv.restore(stack[0], psf3, method="richardson-lucy"), "(Z, Y, X) stack")]:
             with self.subTest(words), self.assertRaises(deconv.Error) as raised:
                 call()
             self.assertIn(words, str(raised.exception))
 
 
-    def test_sparse_restores_pictures_and_volumes(self):
-        rng = np.random.default_rng(8)
+    def test_sparse_takes_volumes_and_a_strength(self):
         z, y, x = np.mgrid[-1:2, -3:4, -3:4]
         psf3 = np.exp(-(x * x + y * y) / 2.0 - z * z / 2.0)
-        truth = np.zeros((8, 40, 48), np.float32)
-        truth[2:6, 10:30, 12:36] = 0.8
-        kernel = np.fft.ifftshift(np.pad(psf3 / psf3.sum(), ((3, 2), (17, 16), (21, 20))))  # its middle at 0
-        blurred = np.real(np.fft.ifftn(np.fft.fftn(truth) * np.fft.fftn(kernel))).astype(np.float32)
-        blurred += rng.normal(0, 0.01, blurred.shape).astype(np.float32)
-        volume = deconv.restore(blurred, psf3, method="sparse", workers=2)
-        self.assertEqual((volume.shape, volume.dtype), (truth.shape, np.float32))
-        inner = (slice(2, 6), slice(5, 35), slice(5, 43))
-        self.assertLess(np.abs(volume - truth)[inner].mean(), 0.7 * np.abs(blurred - truth)[inner].mean())
-        picture = deconv.restore(blurred[4], "gaussian:1", method="sparse", strength=5)
+        stack = np.random.default_rng(8).uniform(0, 1, (8, 40, 48)).astype(np.float32)
+        volume = deconv.restore(stack, psf3, method="sparse", workers=2)
+        self.assertEqual((volume.shape, volume.dtype), (stack.shape, np.float32))
+        picture = deconv.restore(stack[4], "gaussian:1", method="sparse", strength=5)
         self.assertEqual(picture.shape, (40, 48))
-        self.assertFalse(np.array_equal(picture, deconv.restore(blurred[4], "gaussian:1", method="sparse")))
+        self.assertFalse(np.array_equal(picture, deconv.restore(stack[4], "gaussian:1", method="sparse")))
 
-    def test_a_drawn_widefield_psf_is_a_volume_that_restores_a_bead(self):
+    def test_a_drawn_widefield_psf_is_a_volume_as_its_text(self):
         text = "widefield:1.2,520,1.33,200,400,7"
         psf = deconv.draw_psf(text)
         self.assertEqual((psf.ndim, psf.shape[0], psf.shape[1], psf.dtype), (3, 7, psf.shape[2], np.float32))
         mid = psf.shape[1] // 2
         self.assertEqual((psf.max(), psf[3, mid, mid]), (1, 1))
-        np.testing.assert_allclose(psf, psf[::-1], atol=1e-7)
-        # A bead blurred by the PSF (circularly, centred), Poisson noise on a
-        # background: restored through the text form, its light gathers back.
-        bead = np.zeros((12, 48, 48))
-        bead[6, 24, 24] = 5000
-        kernel = np.zeros_like(bead)
-        kernel[3:10, 24 - mid:25 + mid, 24 - mid:25 + mid] = psf / psf.sum()
-        blurred = np.fft.irfftn(np.fft.rfftn(bead) * np.fft.rfftn(np.fft.ifftshift(kernel)), bead.shape)
-        noisy = np.random.default_rng(2).poisson(np.maximum(blurred, 0) + 10).astype(np.float32)
-        restored = deconv.restore(noisy, text, method="richardson-lucy", iterations=30, background=10, workers=1)
-        self.assertEqual(restored.shape, noisy.shape)
-        self.assertEqual(np.unravel_index(restored.argmax(), restored.shape), (6, 24, 24))
-        self.assertGreater(restored.max() - 10, 4 * (noisy.max() - 10))
+        stack = np.random.default_rng(2).poisson(30, (12, 40, 40)).astype(np.float32)
+        rl = dict(method="richardson-lucy", iterations=3, workers=1)
+        np.testing.assert_array_equal(deconv.restore(stack, text, **rl), deconv.restore(stack, psf, **rl))
 
 
 class Dask(unittest.TestCase):
@@ -328,16 +277,13 @@ class StackFiles(unittest.TestCase):
 
 class Light(unittest.TestCase):
     """light= and highlights= as the library takes them: "auto" reads uint8
-    arrays as sRGB-encoded for richardson-lucy, a delta PSF gives the picture
-    back through the decoding, and clipped samples are told of."""
+    arrays as sRGB-encoded for richardson-lucy, and clipped samples are told of
+    as a warning."""
 
     def test_auto_light_and_clipped_highlights(self):
         photo = (picture((40, 48)) * 255).astype(np.uint8)
         photo[5:9, 10:14] = 255
-        delta = np.ones((1, 1), np.float32)
         rl = dict(method="richardson-lucy", iterations=6, workers=1)
-        back = deconv.restore(photo, delta, light="encoded", highlights=None, **rl)
-        self.assertLess(np.abs(back * 255 - photo).max(), 0.01)
         psf = deconv.draw_psf("gaussian:1.2")
         with warnings.catch_warnings(record=True) as said:
             warnings.simplefilter("always")
@@ -378,14 +324,9 @@ class Errors(unittest.TestCase):
         psf = deconv.draw_psf("box:3,3")
         cases = [
             (lambda: deconv.restore(blurred, np.zeros((3, 3))), deconv.Error, "positive weight"),
-            (lambda: deconv.restore(blurred, psf, strength=201), deconv.Error, "0 to 200"),
             (lambda: deconv.restore(blurred, psf, strength="high"), TypeError, "auto"),
-            (lambda: deconv.restore(blurred, psf, workers=0), deconv.Error, "workers"),
             (lambda: deconv.restore(blurred[None, ..., None], psf), ValueError, "not an array of 4 axes"),
             (lambda: deconv.restore(blurred.astype(complex), psf), TypeError, "complex128"),
-            (lambda: deconv.restore(np.ones((200, 40)), deconv.draw_psf("box:25,25"), strength=10, exact=True),
-             deconv.Error, "too small"),
-            (lambda: deconv.draw_psf("blob:1"), deconv.Error, "unknown kind 'blob'"),
         ]
         for call, kind, words in cases:
             with self.subTest(words):

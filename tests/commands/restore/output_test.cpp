@@ -91,8 +91,9 @@ TEST(JpegQuality, ReadsWhatLibjpegWrote) {
   EXPECT_EQ(jpeg_quality({}), 0);
 }
 
-// FITS files as astropy takes them: whole 2880-byte records, standard cards,
-// the picture's samples; with warnings as errors.
+// FITS files as astropy takes them: whole 2880-byte records, standard cards
+// and the picture's shape, with warnings as errors (where its samples stand
+// is FitsAgainstAstropy's).
 TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
   PictureFile camera;
   camera.header.attribute("Make", "Acme");  // a string the FITS writer would garble
@@ -110,24 +111,11 @@ TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
     ASSERT_EQ(restore(c.args), 0) << c.args;
     const std::string name = dir / std::string(c.args).substr(std::string(c.args).rfind(' ') + 1);
     EXPECT_EQ(read_file(name).size() % 2880, 0u) << c.args;
-    const PictureFile ours = read_picture(name);
-    // The whole and the file's first row, which FITS puts at the bottom: our last.
-    double sum = 0, bottom = 0;
-    for (const float v : ours.image.pixels) sum += v;
-    for (int x = 0; x < ours.image.width; ++x) bottom += ours.image.at(x, ours.image.height - 1);
     const auto [status, said] = shell(
         "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\nwith fits.open(sys.argv[1]) as f:\n"
-        "    f.verify(\"exception\"); h = f[0]; repr(h.header)\n"
-        "    print(h.data.shape, float(h.data.sum()), float(h.data.reshape(-1, *h.data.shape[-2:])[0, 0].sum()))' '" +
-        name + "'");
+        "    f.verify(\"exception\"); h = f[0]; repr(h.header); print(h.data.shape)' '" + name + "'");
     EXPECT_EQ(status, 0) << said;
-    EXPECT_THAT(said, ::testing::StartsWith(std::string(c.shape) + " ")) << c.args;
-    // astropy's samples are the file's own (0..255, or 0..65535 with BZERO); ours are scaled to 0..1.
-    const double scale = ours.depth == SampleDepth::u8 ? 255 : ours.depth == SampleDepth::u16 ? 65535 : 1;
-    double theirs = 0, their_bottom = 0;
-    std::sscanf(said.substr(said.find(") ") + 2).c_str(), "%lf %lf", &theirs, &their_bottom);
-    EXPECT_NEAR(theirs, sum * scale, 1e-4 * sum * scale) << c.args;
-    EXPECT_NEAR(their_bottom, bottom * scale, 1e-4 * bottom * scale) << c.args;
+    EXPECT_EQ(said, std::string(c.shape) + "\n") << c.args;
   }
 }
 

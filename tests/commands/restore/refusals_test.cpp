@@ -17,13 +17,18 @@ deconv::Image camera(int w, int h) {
   return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 100, 60, w, h, true);
 }
 
+// A crop of the camera photograph blurred by `blur`, or `psf` centred on a
+// square of `side` lifted by `pedestal`: both as the library takes them.
 deconv::Image blurred_camera(int w, int h, const char* blur) {
-  deconv::Image sharp = camera(w, h);
-  const deconv::Image psf = deconv::draw_psf(blur);
+  const deconv::Image psf = deconv::draw_psf(blur), sharp = camera(w, h);
   const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
-  const CImg<float> out = CImg<float>(sharp.pixels.data(), w, h).convolve(kernel / kernel.sum(), 3);
-  std::copy(out.begin(), out.end(), sharp.pixels.begin());
-  return sharp;
+  return estimate_eval::to_image(CImg<float>(sharp.pixels.data(), w, h).convolve(kernel / kernel.sum(), 3), 1);
+}
+
+deconv::Image on_a_background(const deconv::Image& psf, int side, float pedestal) {
+  CImg<float> framed(side, side, 1, 1, 0.0f);
+  framed.draw_image((side - psf.width) / 2, (side - psf.height) / 2, CImg<float>(psf.pixels.data(), psf.width, psf.height));
+  return estimate_eval::to_image(framed + pedestal, 1);
 }
 
 class Refusals : public ::testing::Test {
@@ -36,14 +41,7 @@ class Refusals : public ::testing::Test {
     write_picture(dir / "sharp.png", camera(160, 160), SampleDepth::u8);
     write_picture(dir / "blurred.png", blurred_camera(200, 200, "gaussian:2"), SampleDepth::u8);
     // A star cut with its sky at 0.02 of its peak.
-    const deconv::Image star = deconv::draw_psf("gaussian:2");
-    deconv::Image sky(31, 31, 1);
-    for (int y = 0; y < 31; ++y)
-      for (int x = 0; x < 31; ++x) {
-        const int sx = x - (31 - star.width) / 2, sy = y - (31 - star.height) / 2;
-        sky.at(x, y) = 0.02f + (sx >= 0 && sy >= 0 && sx < star.width && sy < star.height ? star.at(sx, sy) : 0.0f);
-      }
-    write_picture(dir / "star.exr", sky, SampleDepth::f32);
+    write_picture(dir / "star.exr", on_a_background(deconv::draw_psf("gaussian:2"), 31, 0.02f), SampleDepth::f32);
   }
   std::pair<int, std::string> run(const std::string& args) const {
     return shell("cd '" + dir.path + "' && " DECONV_RESTORE_BINARY " " + args + " </dev/null");

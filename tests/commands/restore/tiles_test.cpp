@@ -18,30 +18,16 @@ const std::string restore_binary = DECONV_RESTORE_BINARY;
 // Gaussian longer along z than across, on a background of 10 counts,
 // with Poisson noise: what a widefield stack of beads looks like.
 deconv::Image bead_stack(deconv::Image& psf) {
-  psf = deconv::Image(9, 9, 9, 1);
-  for (int z = 0; z < 9; ++z)
-    for (int y = 0; y < 9; ++y)
-      for (int x = 0; x < 9; ++x)
-        psf.at(x, y, z, 0) = std::exp(-((x - 4) * (x - 4) + (y - 4) * (y - 4)) / 4.5 - (z - 4) * (z - 4) / 12.5);
-  deconv::Image object(120, 120, 40, 1), stack(120, 120, 40, 1);
+  CImg<float> kernel(9, 9, 9), volume(120, 120, 40, 1, 0.0f);
+  cimg_forXYZ(kernel, x, y, z) kernel(x, y, z) = std::exp(-((x - 4) * (x - 4) + (y - 4) * (y - 4)) / 4.5 - (z - 4) * (z - 4) / 12.5);
   std::mt19937 random(3);
-  for (int i = 0; i < 200; ++i) object.at(random() % 120, random() % 120, random() % 40, 0) = 200 + random() % 800;
-  double weight = 0;
-  for (const float p : psf.pixels) weight += p;
-  for (int z = 0; z < 40; ++z)
-    for (int y = 0; y < 120; ++y)
-      for (int x = 0; x < 120; ++x) {
-        const float v = object.at(x, y, z, 0);
-        if (v == 0) continue;
-        for (int k = 0; k < 9; ++k)
-          for (int j = 0; j < 9; ++j)
-            for (int i = 0; i < 9; ++i) {
-              const int zz = z + k - 4, yy = y + j - 4, xx = x + i - 4;
-              if (zz >= 0 && zz < 40 && yy >= 0 && yy < 120 && xx >= 0 && xx < 120)
-                stack.at(xx, yy, zz, 0) += (float)(v * psf.at(i, j, k, 0) / weight);
-            }
-      }
-  for (float& s : stack.pixels) s = (float)std::poisson_distribution<int>(s + 10)(random) / 65535.0f;
+  for (int i = 0; i < 200; ++i) volume(random() % 120, random() % 120, random() % 40) = 200 + random() % 800;
+  volume.convolve(kernel / kernel.sum(), 0);  // zeros beyond the borders
+  for (float& s : volume) s = (float)std::poisson_distribution<int>(std::max(0.0f, s) + 10)(random) / 65535.0f;
+  psf = deconv::Image(9, 9, 9, 1);
+  std::copy(kernel.begin(), kernel.end(), psf.pixels.begin());
+  deconv::Image stack(120, 120, 40, 1);
+  std::copy(volume.begin(), volume.end(), stack.pixels.begin());
   return stack;
 }
 
