@@ -273,7 +273,7 @@ BlurLikelihood::BlurLikelihood(const Transforms& t, const RealPlane& canvas, dou
     }
 }
 
-double BlurLikelihood::score(const Image& kernel) const {
+double BlurLikelihood::score(const Image& kernel, double* noise) const {
   const Spectrum K = kernel_spectrum(t_, kernel);
   const double dc = std::norm(K[0]);
   const size_t F = power_.size();
@@ -281,7 +281,7 @@ double BlurLikelihood::score(const Image& kernel) const {
   for (size_t f = 0; f < F; ++f) H2[f] = (float)(std::norm(K[f]) / dc);
   // Each frequency's power is sigma^2 (1 + |K|^2 / (lambda |D|^2)); sigma^2
   // in closed form, lambda searched.
-  const auto nll = [&](double log_lambda) {
+  const auto nll = [&](double log_lambda, double* sigma2_out = nullptr) {
     const float inv = (float)std::pow(10.0, -log_lambda);
     double total = 0, logs = 0, count = 0;
     for (size_t f = 1; f < F; ++f) {
@@ -292,6 +292,7 @@ double BlurLikelihood::score(const Image& kernel) const {
       count += weight_[f];
     }
     const double sigma2 = std::max(floor_, total / count);
+    if (sigma2_out) *sigma2_out = total / count / t_.pixels();
     return count * std::log(sigma2) + logs + total / sigma2;
   };
   // The coarse weights in two halves at once: most of the fits' and the
@@ -305,7 +306,12 @@ double BlurLikelihood::score(const Image& kernel) const {
   double best = 1e300, at = 0;
   for (int i = 0; i < 13; ++i)
     if (coarse[i] < best) best = coarse[i], at = i - 10;
-  for (double l = at - 0.75; l <= at + 0.75; l += 0.25) best = std::min(best, nll(l));
+  double fine = at;
+  for (double l = at - 0.75; l <= at + 0.75; l += 0.25) {
+    const double e = nll(l);
+    if (e < best) best = e, fine = l;
+  }
+  if (noise) nll(fine, noise);
   return best;
 }
 
@@ -315,7 +321,8 @@ namespace {
 // estimate, a few times over: the sharp image solved for the model's kernel,
 // then a coordinate search with shrinking steps.
 void fit_data_term(const std::string& model, int side, double top, const Transforms& t, const SharpStep& step,
-                   const Spectrum& bx, const Spectrum& by, int width, int height, double& a, double& b) {
+                   const Spectrum& bx, const Spectrum& by, int width, int height, const Image& ignore, double& a,
+                   double& b) {
   const Tuning& tune = tuning();
   // A sharp image less cartoon-like than the free kernel's last one: its
   // over-sharp steps make the fitted blur come out too large.
@@ -327,6 +334,8 @@ void fit_data_term(const std::string& model, int side, double top, const Transfo
     for (int y = 0; y < t.height(); ++y)
       for (int x = 0; x < t.width(); ++x)
         if (x >= width || y >= height) gx[(size_t)y * t.width() + x] = gy[(size_t)y * t.width() + x] = 0;
+    // A lamp's sharp steps would outweigh every edge that the blur shaped.
+    drop_ignored(gx, gy, t.width(), ignore);
     Spectrum sx = t.spectrum(), sy = t.spectrum();
     t.forward(gx, sx);
     t.forward(gy, sy);
@@ -396,7 +405,7 @@ void fit_likelihood(const std::string& model, const Image& plane, double top, do
 
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
-                      int height) {
+                      int height, const Image& ignore) {
   const int side = free_kernel.width;
   double major, minor, degrees;
   moments(free_kernel, major, minor, degrees);
@@ -408,7 +417,7 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
   else
     a = std::sqrt((major + minor) / 2);
   const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
-  fit_data_term(model, side, top, t, step, bx, by, width, height, a, b);
+  fit_data_term(model, side, top, t, step, bx, by, width, height, ignore, a, b);
   Image plane(width, height, 1);
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];
