@@ -81,7 +81,8 @@ bool set_tuning(const char* setting) {
   else if (name == "trust_signal") t.trust_signal = v;
   else if (name == "clip_margin") t.clip_margin = v;
   else if (name == "part_gap") t.part_gap = (int)v;
-  else if (name == "part_weight") t.part_weight = v;
+  else if (name == "part_main") t.part_main = v;
+  else if (name == "agreement_side") t.agreement_side = (int)v;
   else if (name == "few_extremes") t.few_extremes = v;
   else if (name == "few_steps") t.few_steps = v;
   else if (name == "agreement") t.agreement = v;
@@ -193,7 +194,7 @@ void camera(const std::vector<Photo>& list, int skip, int limit, bool verbose) {
       options.model = "disk";
       const Outcome o = evaluate(c, options);
       std::printf("  %-22s %-8s true %.2f: %s  estimated %.2f dB blurred %.2f dB true %.2f dB\n", c.photo.c_str(),
-                  lamps ? "lamps" : "no lamps", c.blur.a, o.refused ? o.reason.c_str() : o.description.c_str(),
+                  lamps ? "lamps" : "no lamps", c.blur.a, (o.description + (o.refused ? " refused: " + o.reason : "")).c_str(),
                   o.refused ? 0.0 : psnr(o.mse_estimated), psnr(o.mse_blurred), psnr(o.mse_true));
     }
 }

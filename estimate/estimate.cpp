@@ -176,8 +176,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   Image kernel = free_kernel(plane, clipped, side, threads, model == "kernel" ? nullptr : &finest, options);
   check_kernel(kernel, side);
   const EdgeShares shares = edge_shares(plane, noise);
-  if (std::getenv("DECONV_TRUST_DEBUG")) std::fprintf(stderr, "extremes %.3f steps %.3f\n", shares.extremes, shares.steps);
-  if (model == "kernel" && few_natural_edges(shares)) {
+  if (model == "kernel" && std::min(plane.width, plane.height) >= 2 * tuning().agreement_side && few_natural_edges(shares)) {
     // Text or sky fits a kernel of its own shapes as readily as the blur's:
     // the blur is the kernel each half of the picture agrees on.
     const auto [first, second] = halves({0, 0, plane.width, plane.height});

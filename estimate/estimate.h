@@ -54,22 +54,29 @@ struct Tuning {
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
   // blur and loses more than trust_loss to the likeliest disk, or gains less
-  // than trust_least_gain.
-  double trust_gain = 2.5, trust_loss = 0.1, trust_least_gain = 0.35;
+  // than trust_least_gain: nothing, since the gain falls with the noise and
+  // at ISO 3200 the pictures whose kernels gained under 0.35 still restored
+  // better than their blur.
+  double trust_gain = 2.5, trust_loss = 0.1, trust_least_gain = 0;
   // Clipped: samples within clip_margin of the values' spread below the
   // picture's peak, in flat tops.
   double clip_margin = 0.01;
   // Before: too noisy above trust_noise of the values' spread (noise from
   // the model); too flat when the contrast is below trust_signal noises.
-  double trust_noise = 0.04, trust_signal = 6;
-  // A kernel in parts: pieces apart by more than part_gap pixels, the second
-  // heaviest holding at least part_weight of the weight.
+  double trust_noise = 0.09, trust_signal = 2;
+  // A kernel in parts: pieces apart by more than part_gap pixels, the
+  // heaviest holding no more than part_main of the weight (a double image,
+  // scattered fragments; noisy pictures' kernels come with lighter side
+  // pieces and still restore).
   int part_gap = 2;
-  double part_weight = 0.2;
+  double part_main = 0.55;
   // Few natural edges: more than few_extremes of the picture at the ends of
   // its values, or fewer than few_steps of it at steps; then kernels from the
-  // window's halves must agree with the whole's by `agreement`.
-  double few_extremes = 0.8, few_steps = 0.02, agreement = 0.6;
+  // window's halves, when their short sides are at least agreement_side,
+  // must agree with the whole's by `agreement` (smaller halves disagree
+  // with good kernels too).
+  double few_extremes = 0.55, few_steps = 0.02, agreement = 0.4;
+  int agreement_side = 200;
 };
 Tuning& tuning();
 
@@ -157,9 +164,7 @@ Image draw(const std::string& model, double a, double b);  // largest tap 1
 class BlurLikelihood {
  public:
   BlurLikelihood(const Transforms& t, const RealPlane& canvas, double noise);  // noise: its standard deviation
-  // Any sum; odd square. `noise`, if given: the variance a sample of white
-  // noise would need for the rest of the picture's power at the best weights.
-  double score(const Image& kernel, double* noise = nullptr) const;
+  double score(const Image& kernel) const;  // any sum; odd square
 
  private:
   const Transforms& t_;

@@ -273,7 +273,7 @@ BlurLikelihood::BlurLikelihood(const Transforms& t, const RealPlane& canvas, dou
     }
 }
 
-double BlurLikelihood::score(const Image& kernel, double* noise) const {
+double BlurLikelihood::score(const Image& kernel) const {
   const Spectrum K = kernel_spectrum(t_, kernel);
   const double dc = std::norm(K[0]);
   const size_t F = power_.size();
@@ -281,7 +281,7 @@ double BlurLikelihood::score(const Image& kernel, double* noise) const {
   for (size_t f = 0; f < F; ++f) H2[f] = (float)(std::norm(K[f]) / dc);
   // Each frequency's power is sigma^2 (1 + |K|^2 / (lambda |D|^2)); sigma^2
   // in closed form, lambda searched.
-  const auto nll = [&](double log_lambda, double* sigma2_out = nullptr) {
+  const auto nll = [&](double log_lambda) {
     const float inv = (float)std::pow(10.0, -log_lambda);
     double total = 0, logs = 0, count = 0;
     for (size_t f = 1; f < F; ++f) {
@@ -292,7 +292,6 @@ double BlurLikelihood::score(const Image& kernel, double* noise) const {
       count += weight_[f];
     }
     const double sigma2 = std::max(floor_, total / count);
-    if (sigma2_out) *sigma2_out = total / count / t_.pixels();
     return count * std::log(sigma2) + logs + total / sigma2;
   };
   // The coarse weights in two halves at once: most of the fits' and the
@@ -306,12 +305,7 @@ double BlurLikelihood::score(const Image& kernel, double* noise) const {
   double best = 1e300, at = 0;
   for (int i = 0; i < 13; ++i)
     if (coarse[i] < best) best = coarse[i], at = i - 10;
-  double fine = at;
-  for (double l = at - 0.75; l <= at + 0.75; l += 0.25) {
-    const double e = nll(l);
-    if (e < best) best = e, fine = l;
-  }
-  if (noise) nll(fine, noise);
+  for (double l = at - 0.75; l <= at + 0.75; l += 0.25) best = std::min(best, nll(l));
   return best;
 }
 

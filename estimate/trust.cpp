@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <cstdlib>
 
 #include "estimate/estimate.h"
 
@@ -146,8 +145,7 @@ void check_kernel(const Image& kernel, int kernel_side) {
   // a grid) or fragments of its texture, and restore worse than the blur.
   const Tuning& tune = tuning();
   const std::vector<double> parts = kernel_parts(kernel, tune.part_gap);
-  if (std::getenv("DECONV_TRUST_DEBUG")) std::fprintf(stderr, "parts %zu second %.3f\n", parts.size(), parts.size() > 1 ? parts[1] : 0.0);
-  if (parts.size() > 1 && parts[1] >= tune.part_weight)
+  if (parts.size() > 1 && parts[0] <= tune.part_main)
     throw Error("the kernel came out in " + std::to_string(parts.size()) +
                 " separate parts (a ghost or fragments of the picture's texture, not one blur)");
 }
@@ -160,13 +158,11 @@ void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, 
   const Transforms t(good_size(w + kernel_side), good_size(h + kernel_side), threads);
   const RealPlane canvas = periodic_extension(part, t.width(), t.height());
   const BlurLikelihood likelihood(t, canvas, std::sqrt(noise.mean_variance(part)));
-  double unexplained = 0;
-  const double n = (double)t.pixels(), own = likelihood.score(kernel, &unexplained);
+  const double n = (double)t.pixels(), own = likelihood.score(kernel);
   Image none(1, 1, 1);
   none.pixels[0] = 1;
   const Tuning& tune = tuning();
   const double gain = (likelihood.score(none) - own) / n;
-  if (std::getenv("DECONV_TRUST_DEBUG")) std::fprintf(stderr, "gain %.3f noise %.4f unexplained %.3f\n", gain, std::sqrt(noise.mean_variance(part)), std::sqrt(unexplained / noise.mean_variance(part)));
   // A kernel that hardly explains the picture better than no blur at all, or
   // barely better and worse than some plain disk, has mostly fitted the
   // picture's own texture rather than its blur. The disks are tried only
@@ -240,7 +236,6 @@ double kernel_agreement(const Image& a, const Image& b) {
 void check_agreement(const Image& kernel, const std::vector<Image>& others) {
   double least = 1;
   for (const Image& other : others) least = std::min(least, kernel_agreement(kernel, other));
-  if (std::getenv("DECONV_TRUST_DEBUG")) std::fprintf(stderr, "agreement %.3f\n", least);
   if (least < tuning().agreement)
     throw Error("the blur estimated on different parts of the picture disagrees (agreement " + percent(least) +
                 "): the picture has too few natural edges (text, sky) to tell its blur; try a --region with more");
