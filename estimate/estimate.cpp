@@ -175,21 +175,14 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   FinestScale finest;
   Image kernel = free_kernel(plane, clipped, side, threads, model == "kernel" ? nullptr : &finest, options);
   check_kernel(kernel, side);
-  const EdgeShares shares = edge_shares(plane, noise);
-  if (model == "kernel" && std::min(plane.width, plane.height) >= 2 * tuning().agreement_side && few_natural_edges(shares)) {
-    // Text or sky fits a kernel of its own shapes as readily as the blur's:
-    // the blur is the kernel each half of the picture agrees on.
-    const auto [first, second] = halves({0, 0, plane.width, plane.height});
-    std::vector<Image> others;
+  report(options, model == "kernel" ? "checking" : "fitting", 1);
+  if (model == "kernel") {
     EstimateOptions quiet = options;
     quiet.progress = nullptr;
-    for (const Window& half : {first, second}) {
-      const Image part = crop(plane, half.x, half.y, half.width, half.height);
-      others.push_back(free_kernel(part, crop(clipped, half.x, half.y, half.width, half.height), side, threads, nullptr, quiet));
-    }
-    check_agreement(kernel, others);
+    check_halves(plane, clipped, noise, kernel, [&](const Image& part, const Image& part_clipped) {
+      return free_kernel(part, part_clipped, side, threads, nullptr, quiet);
+    });
   }
-  report(options, model == "kernel" ? "checking" : "fitting", 1);
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
                      plane.height, finest.ignore);

@@ -22,6 +22,7 @@
 #ifndef DECONV_ESTIMATE_ESTIMATE_H
 #define DECONV_ESTIMATE_ESTIMATE_H
 
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -240,9 +241,11 @@ EdgeShares edge_shares(const Image& plane, const NoiseModel& noise);
 bool few_natural_edges(const EdgeShares& shares);
 // The normalised correlation of two kernels at their best whole-pixel alignment: 1 for one shape.
 double kernel_agreement(const Image& a, const Image& b);
-// Throws Error when a kernel estimated on a part of the picture does not
-// agree with the whole's.
-void check_agreement(const Image& kernel, const std::vector<Image>& others);
+// On a picture of few natural edges (of at least twice agreement_side a
+// side), throws Error when the kernel that `estimate` gives for either half
+// (its plane and clipped samples) does not agree with the whole's.
+void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
+                  const std::function<Image(const Image&, const Image&)>& estimate);
 // Throws Error when the picture's likelihood (BlurLikelihood, its noise from
 // the model) does not stand behind the kernel.
 void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads, const NoiseModel& noise);

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
 #include "estimate/estimate.h"
 
@@ -233,10 +234,20 @@ double kernel_agreement(const Image& a, const Image& b) {
   return best;
 }
 
-void check_agreement(const Image& kernel, const std::vector<Image>& others) {
+void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
+                  const std::function<Image(const Image&, const Image&)>& estimate) {
+  const Tuning& tune = tuning();
+  if (std::min(plane.width, plane.height) < 2 * tune.agreement_side || !few_natural_edges(edge_shares(plane, noise)))
+    return;
+  // Text or sky fits a kernel of its own shapes as readily as the blur's:
+  // the blur is the kernel each half of the picture agrees on.
+  const auto [first, second] = halves({0, 0, plane.width, plane.height});
   double least = 1;
-  for (const Image& other : others) least = std::min(least, kernel_agreement(kernel, other));
-  if (least < tuning().agreement)
+  for (const Window& half : {first, second}) {
+    const Image part = crop(plane, half.x, half.y, half.width, half.height);
+    least = std::min(least, kernel_agreement(kernel, estimate(part, crop(clipped, half.x, half.y, half.width, half.height))));
+  }
+  if (least < tune.agreement)
     throw Error("the blur estimated on different parts of the picture disagrees (agreement " + percent(least) +
                 "): the picture has too few natural edges (text, sky) to tell its blur; try a --region with more");
 }
