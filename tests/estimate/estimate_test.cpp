@@ -110,9 +110,10 @@ TEST(Refusals, AFaintPlaneIsJudgedByItsOwnSpread) {
   EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimate_psf(faint); }), ::testing::HasSubstr("too noisy"));
 }
 
-// Kernels a camera or a lens cannot draw: two blobs apart (a ghost), three
-// specks; and ones it can: a motion line, a shake path whose fast stretch
-// left a one-pixel gap, a disk.
+// Kernels a camera or a lens cannot draw: a line's ghosts (a page's lines
+// repeated), three specks; and ones it can: two blobs (a jerk between two
+// rests), a motion line, a shake path whose fast stretch left a one-pixel
+// gap, a disk.
 TEST(Refusals, AKernelInSeparatePartsButNotAPathWithAGap) {
   using deconv::estimation::check_kernel;
   using deconv::estimation::kernel_parts;
@@ -121,17 +122,18 @@ TEST(Refusals, AKernelInSeparatePartsButNotAPathWithAGap) {
     for (const auto& t : taps) k.at(t[0], t[1]) = (float)t[2];
     return k;
   };
-  const deconv::Image ghost = kernel({{10, 20, 5}, {11, 20, 5}, {26, 20, 5}, {27, 20, 4}});
+  const deconv::Image jerk = kernel({{10, 20, 5}, {11, 20, 5}, {26, 20, 5}, {27, 20, 4}});
+  const deconv::Image ghost = kernel({{20, 8, 5}, {21, 8, 5}, {20, 20, 5}, {21, 20, 5}, {20, 32, 4}, {21, 32, 4}});
   const deconv::Image specks = kernel({{12, 12, 3}, {28, 13, 3}, {20, 28, 3}});
   const deconv::Image gapped = kernel({{14, 20, 4}, {15, 20, 4}, {16, 20, 4}, {18, 21, 3}, {19, 21, 3}, {20, 22, 3}});
-  EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(ghost, 41); }), ::testing::HasSubstr("2 separate parts"));
+  EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(ghost, 41); }), ::testing::HasSubstr("3 separate parts"));
   EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(specks, 41); }), ::testing::HasSubstr("3 separate parts"));
-  EXPECT_THAT(kernel_parts(ghost, 2), ::testing::ElementsAre(::testing::DoubleNear(10 / 19.0, 1e-9), ::testing::DoubleNear(9 / 19.0, 1e-9)));
+  EXPECT_THAT(kernel_parts(jerk, 2), ::testing::ElementsAre(::testing::DoubleNear(10 / 19.0, 1e-9), ::testing::DoubleNear(9 / 19.0, 1e-9)));
   // A light side piece is what noisy pictures' good kernels have.
   EXPECT_EQ(thrown<deconv::Error>([&] { check_kernel(kernel({{10, 20, 5}, {11, 20, 5}, {26, 20, 3}}), 41); }), "nothing thrown");
   EXPECT_EQ(kernel_parts(gapped, 2).size(), 1u);
   EXPECT_EQ(kernel_parts(gapped, 1).size(), 2u);
-  for (const deconv::Image& fine : {gapped, to_image(motion_psf(15, 30).get_resize(41, 41, 1, 1, 0, 0, 0.5f, 0.5f), 1),
+  for (const deconv::Image& fine : {jerk, gapped, to_image(motion_psf(15, 30).get_resize(41, 41, 1, 1, 0, 0, 0.5f, 0.5f), 1),
                                     to_image(disk_psf(6).get_resize(41, 41, 1, 1, 0, 0, 0.5f, 0.5f), 1)})
     EXPECT_EQ(thrown<deconv::Error>([&] { check_kernel(fine, 41); }), "nothing thrown");
   // A shape agrees with itself moved, and not with its ghost.
