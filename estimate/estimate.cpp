@@ -179,8 +179,8 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   if (model == "kernel") {
     EstimateOptions quiet = options;
     quiet.progress = nullptr;
-    check_halves(plane, clipped, noise, kernel, [&](const Image& part, const Image& part_clipped) {
-      return free_kernel(part, part_clipped, side, threads, nullptr, quiet);
+    check_halves(plane, clipped, noise, kernel, [&](const Image& part, const Image& part_clipped, int part_side) {
+      return free_kernel(part, part_clipped, part_side, threads, nullptr, quiet);
     });
   }
   if (model != "kernel")

@@ -244,9 +244,10 @@ bool few_natural_edges(const EdgeShares& shares);
 double kernel_agreement(const Image& a, const Image& b);
 // On a picture of few natural edges (of at least twice agreement_side a
 // side), throws Error when the kernel that `estimate` gives for either half
-// (its plane and clipped samples) does not agree with the whole's.
+// at half scale (its plane, clipped samples and kernel side) does not agree
+// with the whole's.
 void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
-                  const std::function<Image(const Image&, const Image&)>& estimate);
+                  const std::function<Image(const Image&, const Image&, int)>& estimate);
 // Throws Error when the picture's likelihood (BlurLikelihood, its noise from
 // the model) does not stand behind the kernel.
 void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads, const NoiseModel& noise);

@@ -235,17 +235,24 @@ double kernel_agreement(const Image& a, const Image& b) {
 }
 
 void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
-                  const std::function<Image(const Image&, const Image&)>& estimate) {
+                  const std::function<Image(const Image&, const Image&, int)>& estimate) {
   const Tuning& tune = tuning();
   if (std::min(plane.width, plane.height) < 2 * tune.agreement_side || !few_natural_edges(edge_shares(plane, noise)))
     return;
   // Text or sky fits a kernel of its own shapes as readily as the blur's:
   // the blur is the kernel each half of the picture agrees on.
+  // At half scale: the halves then cost a quarter of the whole, and a
+  // kernel's shape, not its last pixel, is what is compared.
   const auto [first, second] = halves({0, 0, plane.width, plane.height});
+  int side = kernel.width / 2;
+  side += side % 2 == 0;
+  const Image whole = resize_kernel(kernel, side);
   double least = 1;
   for (const Window& half : {first, second}) {
-    const Image part = crop(plane, half.x, half.y, half.width, half.height);
-    least = std::min(least, kernel_agreement(kernel, estimate(part, crop(clipped, half.x, half.y, half.width, half.height))));
+    const int w = half.width / 2, h = half.height / 2;
+    const Image part = resample(crop(plane, half.x, half.y, half.width, half.height), w, h);
+    const Image part_clipped = resample(crop(clipped, half.x, half.y, half.width, half.height), w, h);
+    least = std::min(least, kernel_agreement(whole, estimate(part, part_clipped, side)));
   }
   if (least < tune.agreement)
     throw Error("the blur estimated on different parts of the picture disagrees (agreement " + percent(least) +
