@@ -193,6 +193,28 @@ TEST(Windows, FewNaturalEdgesAndTheHalves) {
   EXPECT_TRUE(left.y == 20 && right.y == 20 && left.height == 200 && right.height == 200);
   const auto [top, bottom] = deconv::estimation::halves({0, 0, 100, 301});
   EXPECT_TRUE(top.height == 150 && bottom.y == 150 && bottom.height == 151 && bottom.width == 100);
+
+  // The halves are estimated at half scale, with half the kernel's side, on
+  // text only; a half's kernel unlike the whole's is refused.
+  const deconv::Image line = to_image(motion_psf(16, 0).get_resize(41, 41, 1, 1, 0, 0, 0.5f, 0.5f), 1);
+  const deconv::Image none(page.width, page.height, 1);
+  std::vector<std::array<int, 3>> asked;
+  const auto same = [&](const deconv::Image& part, const deconv::Image&, int side) {
+    asked.push_back({part.width, part.height, side});
+    return deconv::estimation::resize_kernel(line, side);
+  };
+  const auto ghost = [&](const deconv::Image&, const deconv::Image&, int side) {
+    deconv::Image k(side, side, 1);
+    k.at(1, 1) = k.at(side - 2, side - 2) = k.at(1, side - 2) = 1;
+    return k;
+  };
+  deconv::estimation::check_halves(page, none, quiet, line, same);
+  EXPECT_THAT(asked, ::testing::ElementsAre(std::array<int, 3>{100, 200, 21}, std::array<int, 3>{100, 200, 21}));
+  EXPECT_THAT(thrown<deconv::Error>([&] { deconv::estimation::check_halves(page, none, quiet, line, ghost); }),
+              ::testing::HasSubstr("different parts of the picture disagrees"));
+  const deconv::Image photograph = to_image(chelsea.blurred.get_channel(1).get_resize(400, 400), 1.0f / 255);
+  EXPECT_EQ(thrown<deconv::Error>([&] { deconv::estimation::check_halves(photograph, none, quiet, line, ghost); }),
+            "nothing thrown");
 }
 
 // Pictures formed as cameras form them (bench/estimate_cases.h): four lamps
