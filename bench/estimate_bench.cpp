@@ -11,7 +11,8 @@
 //   unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec bench_estimate'
 // Options: -v (a line per case), -s S -n N (cases S+1 to N), -t NAME=VALUE (a
 // setting of estimation::Tuning), --no-cases (the fits and timing only),
-// --no-models, --no-timing, --figure PNG (only the README's picture).
+// --camera (camera-formed pictures only), --no-models, --no-timing, --figure
+// PNG (only the README's picture).
 #include <semaphore.h>
 
 #include <cstdio>
@@ -76,6 +77,15 @@ bool set_tuning(const char* setting) {
   else if (name == "trust_gain") t.trust_gain = v;
   else if (name == "trust_loss") t.trust_loss = v;
   else if (name == "trust_least_gain") t.trust_least_gain = v;
+  else if (name == "trust_noise") t.trust_noise = v;
+  else if (name == "trust_signal") t.trust_signal = v;
+  else if (name == "clip_margin") t.clip_margin = v;
+  else if (name == "part_gap") t.part_gap = (int)v;
+  else if (name == "part_main") t.part_main = v;
+  else if (name == "agreement_side") t.agreement_side = (int)v;
+  else if (name == "few_extremes") t.few_extremes = v;
+  else if (name == "few_steps") t.few_steps = v;
+  else if (name == "agreement") t.agreement = v;
   else return false;
   return true;
 }
@@ -108,10 +118,91 @@ void figure(const std::vector<Photo>& list, const char* path) {
   std::printf("figure %s: estimated %s\n", path, e.description.c_str());
 }
 
+// Pictures formed as cameras form them (make_camera_case): 8 photographs by
+// ISO 100, 800 and 3200, two kinds of blur each, lamps in every third. Then
+// --model disk on defocus of radius 6 at ISO 400, with and without lamps.
+void camera(const std::vector<Photo>& list, int skip, int limit, bool verbose) {
+  const Kind kinds[] = {Kind::shake, Kind::motion, Kind::disk, Kind::gaussian};
+  std::printf("deconv-estimate on camera-formed pictures (linear-light blur, Poisson and read noise, lamps, sRGB, JPEG 80-95), "
+              "%d pixels a side\n", camera_side);
+  Tally all;
+  std::map<std::string, Tally> by_iso, by_lamps;
+  std::map<std::string, int> reasons;
+  std::mt19937 rng(4242);
+  int n = 0;
+  for (size_t p = 0; p < list.size(); ++p)
+    for (const int iso : {100, 800, 3200})
+      for (int k = 0; k < 2; ++k) {
+        const Kind kind = kinds[(2 * p + k) % 4];
+        const bool lamps = n % 3 == 2;
+        const CameraCase c = make_camera_case(list[p], random_blur(kind, rng), iso, lamps, camera_side, rng);
+        if (n++ >= limit || n <= skip) continue;
+        deconv::PsfEstimate e;
+        const Outcome o = evaluate(c, deconv::EstimateOptions(), &e);
+        const double shape = o.refused ? 0 : shape_similarity(e.psf, c.blur.psf);
+        all.add(o, shape);
+        by_iso["ISO " + std::to_string(iso)].add(o, shape);
+        by_lamps[lamps ? "lamps" : "no lamps"].add(o, shape);
+        if (o.refused) ++reasons[o.reason];
+        if (verbose) {
+          std::printf("%-22s %-8s %5.1f ISO %4d%s: ", c.photo.c_str(), kind_name(kind), c.blur.a, iso, lamps ? " lamps" : "");
+          if (o.refused)
+            std::printf("refused (%s)  true %.2f dB blurred %.2f dB\n", o.reason.c_str(), psnr(o.mse_true), psnr(o.mse_blurred));
+          else
+            std::printf("ratio %6.2f  true %.2f dB estimated %.2f dB blurred %.2f dB  shape %.2f  %s\n", o.ratio(),
+                        psnr(o.mse_true), psnr(o.mse_estimated), psnr(o.mse_blurred), shape, o.description.c_str());
+          std::fflush(stdout);
+        }
+      }
+  header("ISO");
+  for (const auto& [name, t] : by_iso) t.print(name);
+  header("Lamps");
+  for (const auto& [name, t] : by_lamps) t.print(name);
+  header("All");
+  all.print("all");
+  std::printf("\nRefusals by reason:\n");
+  for (const auto& [reason, count] : reasons) std::printf("%3d  %s\n", count, reason.c_str());
+
+  std::printf("\nA page of text (few natural edges):\n");
+  Tally page;
+  std::mt19937 prng(77);
+  for (int i = 0; i < 6; ++i) {
+    const Kind kind = kinds[i % 3];
+    const CameraCase c = make_camera_case(text_page(700, 700, 50 + i), random_blur(kind, prng), i < 3 ? 100 : 800, false,
+                                          camera_side, prng);
+    deconv::PsfEstimate e;
+    const Outcome o = evaluate(c, deconv::EstimateOptions(), &e);
+    page.add(o, o.refused ? 0 : shape_similarity(e.psf, c.blur.psf));
+    std::printf("  %-8s %5.1f ISO %4d: ", kind_name(kind), c.blur.a, c.iso);
+    if (o.refused)
+      std::printf("refused (%s)  true %.2f dB blurred %.2f dB\n", o.reason.c_str(), psnr(o.mse_true), psnr(o.mse_blurred));
+    else
+      std::printf("ratio %6.2f  true %.2f dB estimated %.2f dB blurred %.2f dB  shape %.2f  %s\n", o.ratio(),
+                  psnr(o.mse_true), psnr(o.mse_estimated), psnr(o.mse_blurred), shape_similarity(e.psf, c.blur.psf),
+                  o.description.c_str());
+    std::fflush(stdout);
+  }
+  header("Text");
+  page.print("text page");
+
+  std::printf("\n--model disk, true radius 6, ISO 400:\n");
+  for (size_t p = 0; p < list.size() && p < 4; ++p)
+    for (const bool lamps : {false, true}) {
+      std::mt19937 drng(100 + p);  // the same crop with and without lamps
+      const CameraCase c = make_camera_case(list[p], disk_blur(6), 400, lamps, camera_side, drng);
+      deconv::EstimateOptions options;
+      options.model = "disk";
+      const Outcome o = evaluate(c, options);
+      std::printf("  %-22s %-8s true %.2f: %s  estimated %.2f dB blurred %.2f dB true %.2f dB\n", c.photo.c_str(),
+                  lamps ? "lamps" : "no lamps", c.blur.a, (o.description + (o.refused ? " refused: " + o.reason : "")).c_str(),
+                  o.refused ? 0.0 : psnr(o.mse_estimated), psnr(o.mse_blurred), psnr(o.mse_true));
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  bool verbose = false, cases = true, models = true, timing = true;
+  bool verbose = false, cases = true, models = true, timing = true, camera_cases = false;
   const char* figure_path = nullptr;
   int limit = 1 << 30, skip = 0;
   for (int i = 1; i < argc; ++i) {
@@ -120,11 +211,12 @@ int main(int argc, char** argv) {
     else if (!std::strcmp(argv[i], "-s") && i + 1 < argc) skip = std::atoi(argv[++i]);
     else if (!std::strcmp(argv[i], "-t") && i + 1 < argc && set_tuning(argv[i + 1])) ++i;
     else if (!std::strcmp(argv[i], "--no-cases")) cases = false;
+    else if (!std::strcmp(argv[i], "--camera")) camera_cases = true;
     else if (!std::strcmp(argv[i], "--no-models")) models = false;
     else if (!std::strcmp(argv[i], "--no-timing")) timing = false;
     else if (!std::strcmp(argv[i], "--figure") && i + 1 < argc) figure_path = argv[++i];
     else {
-      std::fprintf(stderr, "usage: bench_estimate [-v] [-s SKIP] [-n N] [-t NAME=VALUE]... [--no-cases] [--no-models] [--no-timing] [--figure PNG]\n");
+      std::fprintf(stderr, "usage: bench_estimate [-v] [-s SKIP] [-n N] [-t NAME=VALUE]... [--no-cases] [--camera] [--no-models] [--no-timing] [--figure PNG]\n");
       return 1;
     }
   }
@@ -133,6 +225,10 @@ int main(int argc, char** argv) {
   const std::vector<Photo> list = photos(DECONV_TESTDATA);
   if (figure_path) {
     figure(list, figure_path);
+    return 0;
+  }
+  if (camera_cases) {
+    camera(list, skip, limit, verbose);
     return 0;
   }
   const Kind kinds[] = {Kind::shake, Kind::motion, Kind::disk, Kind::gaussian};

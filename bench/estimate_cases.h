@@ -24,6 +24,8 @@
 #include <type_traits>
 #include <vector>
 
+#include <unistd.h>
+
 #include "engine/deconv.h"
 #include "estimate/estimate.h"
 #include "bench/photo_cases.h"
@@ -149,6 +151,108 @@ inline Case make_case(const Photo& photo, Kind kind, double noise, int side, std
   return c;
 }
 
+// Pictures formed as cameras form them: the scene in linear light (the
+// photograph's sRGB decoded), lamps far above white in some, blurred there,
+// photons counted (Poisson, fewer at higher ISO) with read noise, clipped at
+// the sensor's white, encoded to sRGB bytes and saved as JPEG. The sharp
+// reference is the scene clipped and encoded alike.
+inline double srgb_to_linear(double v) { return v <= 0.04045 ? v / 12.92 : std::pow((v + 0.055) / 1.055, 2.4); }
+inline double linear_to_srgb(double v) {
+  v = std::min(1.0, std::max(0.0, v));
+  return v <= 0.0031308 ? 12.92 * v : 1.055 * std::pow(v, 1 / 2.4) - 0.055;
+}
+
+// Round trip through a JPEG of `quality` (GraphicsMagick); unchanged if that fails.
+inline CImg<float> through_jpeg(const CImg<float>& bytes, int quality) {
+  char stem[] = "/tmp/estimate_caseXXXXXX";
+  const int fd = mkstemp(stem);
+  if (fd < 0) return bytes;
+  close(fd);
+  const std::string base = stem, pnm = base + ".pnm", jpg = base + ".jpg", back = base + "_back.pnm";
+  bytes.save_pnm(pnm.c_str());
+  const std::string command = "gm convert -quality " + std::to_string(quality) + " " + pnm + " " + jpg + " && gm convert " +
+                              jpg + " " + back;
+  CImg<float> out = bytes;
+  if (std::system(command.c_str()) == 0) out.load_pnm(back.c_str());
+  for (const std::string& f : {base, pnm, jpg, back}) std::remove(f.c_str());
+  return out;
+}
+
+// A page of text, 0..255: dark lines of random words on white paper, in
+// CImg's own font (no system font needed), as few natural edges as a
+// picture has.
+inline Photo text_page(int width, int height, unsigned seed) {
+  std::mt19937 rng(seed);
+  std::uniform_int_distribution<int> letter(0, 25), length(2, 9);
+  Photo page;
+  page.name = "text page";
+  page.pixels.assign(width, height, 1, 1, 235.0f);
+  const float ink = 25;
+  for (int y = 20; y + 40 < height; y += 38) {
+    std::string line;
+    while ((int)line.size() * 14 < width - 60) {
+      for (int i = length(rng); i > 0; --i) line += (char)('a' + letter(rng));
+      line += ' ';
+    }
+    page.pixels.draw_text(20, y, line.c_str(), &ink, 0, 1, 26);
+  }
+  return page;
+}
+
+struct CameraCase : Case {
+  int iso = 100;
+  bool lamps = false;
+};
+
+// Electrons at white and read noise (electrons) at ISO 100; both scale down
+// with the gain, as a sensor of about 12 000 electrons' full well does.
+constexpr double full_well = 12000, read_electrons = 6;
+constexpr int camera_side = 512;
+
+// A defocus disk of `radius`, sum 1.
+inline Blur disk_blur(double radius) {
+  // A margin of zeros: a disk that touches its canvas's edge reads as a
+  // PSF on a background.
+  const CImg<float> drawn = disk_psf(radius);
+  Blur blur{Kind::disk, radius, 0, drawn.get_crop(-2, -2, drawn.width() + 1, drawn.height() + 1, 0)};
+  blur.psf /= blur.psf.sum();
+  return blur;
+}
+
+inline CameraCase make_camera_case(const Photo& photo, const Blur& blur, int iso, bool lamps, int side, std::mt19937& rng) {
+  CameraCase c;
+  c.photo = photo.name, c.blur = blur, c.iso = iso, c.lamps = lamps;
+  const int w = std::min(side, photo.pixels.width()), h = std::min(side, photo.pixels.height());
+  std::uniform_int_distribution<int> px(0, photo.pixels.width() - w), py(0, photo.pixels.height() - h);
+  const int x = px(rng), y = py(rng), m = c.blur.psf.width();
+  CImg<float> scene = photo.pixels.get_crop(x - m, y - m, 0, 0, x + w - 1 + m, y + h - 1 + m, 0,
+                                            photo.pixels.spectrum() - 1, 3);
+  for (float& v : scene) v = (float)srgb_to_linear(v / 255.0);
+  if (lamps) {
+    std::uniform_real_distribution<double> uni(0, 1);
+    for (int i = 0; i < 4; ++i) {
+      const int lx = m + (int)(uni(rng) * w), ly = m + (int)(uni(rng) * h);
+      const double radius = 2 + 4 * uni(rng), level = 4 + 16 * uni(rng);
+      cimg_forXYC(scene, sx, sy, sc) if ((sx - lx) * (sx - lx) + (sy - ly) * (sy - ly) <= radius * radius)
+          scene(sx, sy, 0, sc) = (float)level;
+    }
+  }
+  c.sharp = scene.get_crop(m, m, m + w - 1, m + h - 1);
+  for (float& v : c.sharp) v = (float)std::round(255 * linear_to_srgb(v));
+  CImg<float> blurred = scene.get_convolve(c.blur.psf, 1).crop(m, m, m + w - 1, m + h - 1);
+  const double electrons = full_well * 100 / iso, read = read_electrons * std::sqrt(100.0 / iso) + 2;
+  std::normal_distribution<double> gauss(0, read);
+  for (float& v : blurred) {
+    const double mean = std::max(0.0, (double)v) * electrons;
+    const double counted = mean < 1e5 ? (double)std::poisson_distribution<long>(mean)(rng) : mean;
+    v = (float)std::round(255 * linear_to_srgb((counted + gauss(rng)) / electrons));
+  }
+  std::uniform_int_distribution<int> quality(80, 95);
+  c.blurred = through_jpeg(blurred, quality(rng));
+  c.noise = std::sqrt(0.18 * electrons + read * read) / electrons;  // at mid-grey, linear
+  return c;
+}
+
 inline deconv::Image to_image(const CImg<float>& img, float scale) {
   deconv::Image out(img.width(), img.height(), img.spectrum());
   for (size_t i = 0; i < out.pixels.size(); ++i) out.pixels[i] = img[i] * scale;
@@ -239,7 +343,12 @@ inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, d
   if (o.refused) return o;
   o.description = e.description;
   const CImg<float> psf = as_file(e.psf);
-  o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  try {
+    o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  } catch (const deconv::Error& error) {  // deconv-strength's refusal of the PSF: the user gets no restoration
+    o.refused = true;
+    o.reason = std::string("deconv-strength: ") + error.what();
+  }
   if (estimate) *estimate = std::move(e);
   return o;
 }

@@ -24,14 +24,15 @@ Tuning& tuning() {
 namespace {
 
 // The gradients of `plane` (on its periodic canvas) kept inside a rectangle
-// and zero elsewhere, as spectra.
+// and zero elsewhere and near clipped highlights (`ignore`), as spectra.
 void masked_gradient_spectra(const Transforms& t, const RealPlane& plane, int x0, int y0, int x1, int y1,
-                             Spectrum& sx, Spectrum& sy, size_t edges = 0) {
+                             Spectrum& sx, Spectrum& sy, size_t edges = 0, const Image* ignore = nullptr) {
   RealPlane gx, gy;
   gradients(plane, t.width(), t.height(), gx, gy);
   for (int y = 0; y < t.height(); ++y)
     for (int x = 0; x < t.width(); ++x)
       if (x < x0 || x >= x1 || y < y0 || y >= y1) gx[(size_t)y * t.width() + x] = gy[(size_t)y * t.width() + x] = 0;
+  if (ignore) drop_ignored(gx, gy, t.width(), *ignore);
   if (edges) select_edges(gx, gy, edges);
   sx = t.spectrum();
   sy = t.spectrum();
@@ -46,13 +47,13 @@ void masked_gradient_spectra(const Transforms& t, const RealPlane& plane, int x0
 // from the band's core and fitting all of the sharp image's gradients with
 // little Tikhonov lets the picture decide the width.
 Image refine(const Transforms& t, const SharpStep& step, const Spectrum& bx, const Spectrum& by, Image kernel, int width,
-             int height, double lg, double lp) {
+             int height, double lg, double lp, const Image& ignore) {
   const Tuning& tune = tuning();
   clean_kernel(kernel, tune.refine_core, tune.speck);
   for (int it = 0; it < tune.refine; ++it) {
     const RealPlane sharp = step.solve(kernel, lg, lp, tune.kappa);
     Spectrum sx, sy;
-    masked_gradient_spectra(t, sharp, 0, 0, width, height, sx, sy);
+    masked_gradient_spectra(t, sharp, 0, 0, width, height, sx, sy, 0, &ignore);
     kernel = solve_kernel(kernel_problem(t, sx, sy, bx, by, kernel.width), kernel, tune.refine_gamma);
     clean_kernel(kernel, tune.loop_faint, tune.speck);
     kernel = recentre_whole(kernel);
@@ -70,6 +71,7 @@ struct FinestScale {
   RealPlane canvas;
   std::unique_ptr<SharpStep> step;
   Spectrum bx, by;
+  Image ignore;  // near clipped highlights
 };
 
 // Tells `progress`, if the caller gave one, which stage runs at which scale.
@@ -77,7 +79,8 @@ void report(const EstimateOptions& options, const char* stage, double scale) {
   if (options.progress) options.progress(stage, scale);
 }
 
-Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest, const EstimateOptions& options) {
+Image free_kernel(const Image& plane, const Image& clipped, int side, int threads, FinestScale* finest,
+                  const EstimateOptions& options) {
   const Tuning& tune = tuning();
   const std::vector<Level> levels = pyramid(side);
   Image kernel(3, 3, 1);
@@ -99,13 +102,14 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
     // The picture's gradients where its blur is all its own (a half kernel in
     // from the edges); the sharp image's over the whole picture.
     const int r = s / 2 + 1;
+    const Image ignore = near_clipped(clipped, w, h, s);
     Spectrum bx, by, sx, sy;
-    masked_gradient_spectra(*t, *canvas, r, r, w - r, h - r, bx, by);
+    masked_gradient_spectra(*t, *canvas, r, r, w - r, h - r, bx, by, 0, &ignore);
     const int iterations = last ? tune.finest_iterations : tune.iterations;
     RealPlane sharp;
     for (int it = 0; it < iterations; ++it) {
       sharp = step.solve(kernel, lg, lp, tune.kappa);
-      masked_gradient_spectra(*t, sharp, 0, 0, w, h, sx, sy, (size_t)(tune.edges * s));
+      masked_gradient_spectra(*t, sharp, 0, 0, w, h, sx, sy, (size_t)(tune.edges * s), &ignore);
       const KernelProblem problem = kernel_problem(*t, sx, sy, bx, by, s);
       kernel = solve_kernel(problem, kernel, tune.gamma);
       clean_kernel(kernel, tune.loop_faint, tune.speck);
@@ -115,7 +119,7 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
     }
     if (last && tune.refine > 0) {
       report(options, "refining", 1);
-      kernel = refine(*t, step, bx, by, kernel, w, h, lg, lp);
+      kernel = refine(*t, step, bx, by, kernel, w, h, lg, lp, ignore);
     }
     if (last && finest) {
       finest->transforms = std::move(t);
@@ -123,6 +127,7 @@ Image free_kernel(const Image& plane, int side, int threads, FinestScale* finest
       finest->step = std::make_unique<SharpStep>(*finest->transforms, finest->canvas);
       finest->bx = std::move(bx);
       finest->by = std::move(by);
+      finest->ignore = ignore;
     }
   }
   clean_kernel(kernel, tune.refine > 0 ? tune.refine_faint : tune.faint, tune.speck);
@@ -160,17 +165,30 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   } else {
     win = choose_window(grey, 1L << 20);
   }
-  const Image plane = on_own_range(crop(grey, win.x, win.y, win.width, win.height));
-  check_picture(plane, side);
+  const Image seen = on_own_range(crop(grey, win.x, win.y, win.width, win.height));
+  // Clipped highlights filled from around them for the fits on the whole
+  // plane, and their gradients dropped at every scale.
+  const Image clipped = clipped_samples(seen);
+  const Image ignore = near_clipped(clipped, seen.width, seen.height, side);
+  const NoiseModel noise = noise_model(seen, &ignore);
+  const Image plane = fill_ignored(seen, ignore, noise);
+  check_picture(plane, side, noise);
 
   FinestScale finest;
-  Image kernel = free_kernel(plane, side, threads, model == "kernel" ? nullptr : &finest, options);
+  Image kernel = free_kernel(plane, clipped, side, threads, model == "kernel" ? nullptr : &finest, options);
   check_kernel(kernel, side);
   report(options, model == "kernel" ? "checking" : "fitting", 1);
+  if (model == "kernel") {
+    EstimateOptions quiet = options;
+    quiet.progress = nullptr;
+    check_halves(plane, clipped, noise, kernel, [&](const Image& part, const Image& part_clipped, int part_side) {
+      return free_kernel(part, part_clipped, part_side, threads, nullptr, quiet);
+    });
+  }
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
-                     plane.height);
-  check_likelihood(plane, kernel, side, threads);
+                     plane.height, finest.ignore);
+  check_likelihood(plane, kernel, side, threads, noise);
   PsfEstimate result;
   result.psf = centre_and_trim(kernel);
   result.description = "kernel " + std::to_string(result.psf.width) + " " + std::to_string(result.psf.height);

@@ -3,7 +3,10 @@
 // The method (coarse to fine, maximum a posteriori, after Xu, Zheng & Jia 2013
 // and Pan, Hu, Su & Yang 2014), one stage a file:
 //   window.cpp      the part of a large picture to estimate from, rich in edges
-//   trust.cpp       refusals: too small, too flat, too noisy, a kernel not to stand behind
+//   trust.cpp       refusals: too small, too noisy, a kernel not to stand behind
+//                   (in parts, spread over its support, disagreeing between windows)
+//   noise.cpp       the picture's noise, growing with its signal as a sensor's does
+//   clipped.cpp     clipped highlights and the samples their cut-off blur reaches
 //   pyramid.cpp     luminance, the scales, resampling, the smooth periodic extension
 //   sharp_step.cpp  the sharp image for a kernel: L0 priors on gradients and
 //                   intensities, half-quadratic splitting, closed form per step
@@ -19,7 +22,9 @@
 #ifndef DECONV_ESTIMATE_ESTIMATE_H
 #define DECONV_ESTIMATE_ESTIMATE_H
 
+#include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "deconv/deconv.h"
@@ -50,8 +55,31 @@ struct Tuning {
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
   // blur and loses more than trust_loss to the likeliest disk, or gains less
-  // than trust_least_gain.
-  double trust_gain = 2.5, trust_loss = 0.1, trust_least_gain = 0.35;
+  // than trust_least_gain: nothing, since the gain falls with the noise and
+  // at ISO 3200 the pictures whose kernels gained under 0.35 still restored
+  // better than their blur.
+  double trust_gain = 2.5, trust_loss = 0.1, trust_least_gain = 0;
+  // Clipped: samples within clip_margin of the values' spread below the
+  // picture's peak, in flat tops.
+  double clip_margin = 0.01;
+  // Before: too noisy above trust_noise of the values' spread (noise from
+  // the model); too flat when the contrast is below trust_signal noises.
+  double trust_noise = 0.09, trust_signal = 2;
+  // A kernel in parts: pieces apart by more than part_gap pixels, the
+  // heaviest holding no more than part_main of the weight (ghosts, scattered
+  // fragments). Two pieces are a jerk of the camera as often as a ghost,
+  // and noisy pictures' kernels come with side pieces and still restore
+  // (at 0.55 two answers at ISO 3200 that gained were refused).
+  int part_gap = 2;
+  double part_main = 0.4;
+  // Few natural edges: more than few_extremes of the picture at the ends of
+  // its values, or fewer than few_steps of it at steps; then kernels from the
+  // window's halves (at half scale), when their short sides are at least
+  // agreement_side, must agree with the whole's by `agreement` (smaller
+  // halves disagree with good kernels too; at 0.4 three ISO 3200 pictures
+  // that restored better were refused).
+  double few_extremes = 0.55, few_steps = 0.02, agreement = 0.25;
+  int agreement_side = 200;
 };
 Tuning& tuning();
 
@@ -123,10 +151,12 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 // The model's parameters fitted by the data term |grad x * k - grad y|^2 of
 // the sharp estimate, then the size (and a motion's angle) by the blurred
 // picture's likelihood (as BlurLikelihood's, on its periodic component); the
-// kernel drawn by psf/kernels.h; `free_kernel` gives the start. Fills psf and
-// description.
+// kernel drawn by psf/kernels.h; `free_kernel` gives the start; the sharp
+// image's gradients marked in `ignore` (near clipped highlights) left out.
+// Fills psf and description.
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
-                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
+                      const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height,
+                      const Image& ignore);
 Image draw(const std::string& model, double a, double b);  // largest tap 1
 
 // How well a kernel explains the picture: the negative log-likelihood of the
@@ -145,12 +175,37 @@ class BlurLikelihood {
   double floor_;  // the least noise power
 };
 
+// ---- noise.cpp
+// Noise variance a * signal + b, in the plane's units.
+struct NoiseModel {
+  double a = 0, b = 0;
+  double variance(double signal) const;
+  double mean_variance(const Image& plane) const;  // over its samples
+};
+// Measured on the plane's 2 x 2 diagonal detail, binned by level; samples
+// marked in `ignore` (clipped) left out.
+NoiseModel noise_model(const Image& plane, const Image* ignore = nullptr);
+
+// ---- clipped.cpp
+// 1 where the plane has a clipped flat top, 0 elsewhere.
+Image clipped_samples(const Image& plane);
+// The clipped samples at a scale of width x height, and all within `reach` of them.
+Image near_clipped(const Image& clipped, int width, int height, int reach);
+bool any_marked(const Image& ignore);
+// Gradients of the canvas (its top-left corner is the plane) zeroed where marked.
+void drop_ignored(RealPlane& gx, RealPlane& gy, int canvas_width, const Image& ignore);
+// The marked samples replaced by a smooth fill from the rest, with the
+// noise the model gives for its level.
+Image fill_ignored(const Image& plane, const Image& ignore, const NoiseModel& noise);
+
 // ---- window.cpp
 struct Window {
   int x = 0, y = 0, width = 0, height = 0;
 };
 // A window of about `pixels` pixels rich in edges; the whole plane if it is not larger.
 Window choose_window(const Image& plane, long pixels);
+// The window's two halves along its longer side.
+std::pair<Window, Window> halves(const Window& win);
 
 // ---- trust.cpp
 // Noise standard deviation (0..1 units) from the finest diagonal wavelet band.
@@ -168,14 +223,35 @@ Image on_own_range(const Image& plane);
 // Throws Error when some sample of the picture is NaN or infinite: one would
 // spread through every transform of the estimate.
 void check_finite(const Image& picture);
-// Throws Error when the picture is too small, too flat or too noisy for its
-// spread of values.
-void check_picture(const Image& plane, int kernel_side);
-// Throws Error when the kernel is not one to stand behind.
+// Throws Error when the picture is too small, too flat or too noisy (by the
+// noise model) for its spread of values.
+void check_picture(const Image& plane, int kernel_side, const NoiseModel& noise);
+// Throws Error when the kernel is not one to stand behind: filling its
+// support, spread over it, or in separate parts (a ghost, fragments).
 void check_kernel(const Image& kernel, int kernel_side);
-// Throws Error when the picture's likelihood (BlurLikelihood) does not
-// stand behind the kernel.
-void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads);
+// The kernel's pieces (taps apart by more than `gap` pixels are in different
+// pieces), each one's share of the weight, heaviest first.
+std::vector<double> kernel_parts(const Image& kernel, int gap);
+// How a picture's edges are spread: the share of it at either end of its
+// values (paper and ink, sky and night) and the share with steps well above
+// its noise.
+struct EdgeShares {
+  double extremes = 0, steps = 0;
+};
+EdgeShares edge_shares(const Image& plane, const NoiseModel& noise);
+// Few natural edges (text, sky): the blur is estimated on parts of the picture too.
+bool few_natural_edges(const EdgeShares& shares);
+// The normalised correlation of two kernels at their best whole-pixel alignment: 1 for one shape.
+double kernel_agreement(const Image& a, const Image& b);
+// On a picture of few natural edges (of at least twice agreement_side a
+// side), throws Error when the kernel that `estimate` gives for either half
+// at half scale (its plane, clipped samples and kernel side) does not agree
+// with the whole's.
+void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
+                  const std::function<Image(const Image&, const Image&, int)>& estimate);
+// Throws Error when the picture's likelihood (BlurLikelihood, its noise from
+// the model) does not stand behind the kernel.
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads, const NoiseModel& noise);
 
 }  // namespace estimation
 }  // namespace deconv

@@ -315,7 +315,8 @@ namespace {
 // estimate, a few times over: the sharp image solved for the model's kernel,
 // then a coordinate search with shrinking steps.
 void fit_data_term(const std::string& model, int side, double top, const Transforms& t, const SharpStep& step,
-                   const Spectrum& bx, const Spectrum& by, int width, int height, double& a, double& b) {
+                   const Spectrum& bx, const Spectrum& by, int width, int height, const Image& ignore, double& a,
+                   double& b) {
   const Tuning& tune = tuning();
   // A sharp image less cartoon-like than the free kernel's last one: its
   // over-sharp steps make the fitted blur come out too large.
@@ -327,6 +328,8 @@ void fit_data_term(const std::string& model, int side, double top, const Transfo
     for (int y = 0; y < t.height(); ++y)
       for (int x = 0; x < t.width(); ++x)
         if (x >= width || y >= height) gx[(size_t)y * t.width() + x] = gy[(size_t)y * t.width() + x] = 0;
+    // A lamp's sharp steps would outweigh every edge that the blur shaped.
+    drop_ignored(gx, gy, t.width(), ignore);
     Spectrum sx = t.spectrum(), sy = t.spectrum();
     t.forward(gx, sx);
     t.forward(gy, sy);
@@ -396,7 +399,7 @@ void fit_likelihood(const std::string& model, const Image& plane, double top, do
 
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width,
-                      int height) {
+                      int height, const Image& ignore) {
   const int side = free_kernel.width;
   double major, minor, degrees;
   moments(free_kernel, major, minor, degrees);
@@ -408,7 +411,7 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
   else
     a = std::sqrt((major + minor) / 2);
   const double top = model == "motion" ? side - 2 : model == "disk" ? side / 2 : side / 6.0;
-  fit_data_term(model, side, top, t, step, bx, by, width, height, a, b);
+  fit_data_term(model, side, top, t, step, bx, by, width, height, ignore, a, b);
   Image plane(width, height, 1);
   for (int y = 0; y < height; ++y)
     for (int x = 0; x < width; ++x) plane.at(x, y) = blurred_canvas[(size_t)y * t.width() + x];

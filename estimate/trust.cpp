@@ -1,11 +1,13 @@
 // When not to answer. Before: a picture too small for the kernel's support,
-// too flat to show its blur, or too noisy. After: a kernel that fills its
-// whole support (the blur is larger than the support, or the estimate has
-// drifted into noise), and one that the picture's own likelihood does not
-// stand behind.
+// with nothing but noise in it, or too noisy; the noise is the picture's own
+// model (noise.cpp), which grows with the signal. After: a kernel that fills
+// its whole support (the blur is larger than the support, or the estimate has
+// drifted into noise), one in separate parts (a ghost, or fragments of
+// texture), and one that the picture's own likelihood does not stand behind.
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <functional>
 
 #include "estimate/estimate.h"
 
@@ -66,7 +68,7 @@ void check_finite(const Image& picture) {
               ", channel " + std::to_string(first / plane));
 }
 
-void check_picture(const Image& plane, int kernel_side) {
+void check_picture(const Image& plane, int kernel_side, const NoiseModel& model) {
   const int least = std::max(48, 3 * kernel_side);
   if (plane.width < least || plane.height < least)
     throw Error("the picture (" + std::to_string(plane.width) + " x " + std::to_string(plane.height) +
@@ -82,15 +84,49 @@ void check_picture(const Image& plane, int kernel_side) {
   mean /= plane.pixels.size();
   for (float v : plane.pixels) var += (v - mean) * (v - mean);
   var /= plane.pixels.size();
-  const double noise = noise_level(plane) / range;
+  const double noise = std::sqrt(model.mean_variance(plane)) / range;
   const double signal = std::sqrt(std::max(0.0, var / (range * range) - noise * noise));
-  // Noise and nothing else spans its own spread: that is a flat picture.
-  const bool flat = signal < 0.02 || signal < 6 * noise;
-  if (noise > 0.04 && signal >= noise)
+  // Noise and nothing else spans its own spread: that is a flat picture. A
+  // faint picture well above its noise is not: it restores as well as a
+  // bright one.
+  const Tuning& tune = tuning();
+  const bool flat = signal < tune.trust_signal * noise;
+  if (noise > tune.trust_noise && signal >= noise)
     throw Error("the picture is too noisy (noise about " + percent(noise) + " of its values' spread)");
   if (flat)
     throw Error("the picture is too flat (contrast " + percent(signal) + " of its values' spread, noise " +
                 percent(noise) + ") to show its blur");
+}
+
+std::vector<double> kernel_parts(const Image& kernel, int gap) {
+  const int w = kernel.width, h = kernel.height;
+  std::vector<int> label((size_t)w * h, -1), stack;
+  std::vector<double> parts;
+  double total = 0;
+  for (int start = 0; start < w * h; ++start) {
+    if (!(kernel.pixels[start] > 0) || label[start] >= 0) continue;
+    double sum = 0;
+    stack.push_back(start);
+    label[start] = start;
+    while (!stack.empty()) {
+      const int i = stack.back();
+      stack.pop_back();
+      sum += kernel.pixels[i];
+      const int x = i % w, y = i / w;
+      for (int dy = -gap; dy <= gap; ++dy)
+        for (int dx = -gap; dx <= gap; ++dx) {
+          const int nx = x + dx, ny = y + dy;
+          if (nx < 0 || ny < 0 || nx >= w || ny >= h) continue;
+          const int j = ny * w + nx;
+          if (kernel.pixels[j] > 0 && label[j] < 0) label[j] = start, stack.push_back(j);
+        }
+    }
+    parts.push_back(sum);
+    total += sum;
+  }
+  for (double& p : parts) p /= total;
+  std::sort(parts.rbegin(), parts.rend());
+  return parts;
 }
 
 void check_kernel(const Image& kernel, int kernel_side) {
@@ -105,16 +141,24 @@ void check_kernel(const Image& kernel, int kernel_side) {
     throw Error("the blur fills the whole " + std::to_string(kernel_side) + "-pixel support: it is larger, or not one blur (try a larger --size or a --region)");
   if (taps > 0.5 * kernel_side * kernel_side)
     throw Error("the kernel came out spread over its whole support, not a blur to stand behind");
+  // One motion of the camera or one lens draws one connected path or patch;
+  // pieces far apart are a ghost of the picture's repeated structure (text,
+  // a grid) or fragments of its texture, and restore worse than the blur.
+  const Tuning& tune = tuning();
+  const std::vector<double> parts = kernel_parts(kernel, tune.part_gap);
+  if (parts.size() > 1 && parts[0] <= tune.part_main)
+    throw Error("the kernel came out in " + std::to_string(parts.size()) +
+                " separate parts (a ghost or fragments of the picture's texture, not one blur)");
 }
 
-void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads) {
+void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, int threads, const NoiseModel& noise) {
   // A middle part of at most 384 x 384 is enough to tell and keeps the
   // likelihood's many evaluations cheap on large pictures.
   const int w = std::min(plane.width, 384), h = std::min(plane.height, 384);
   const Image part = crop(plane, (plane.width - w) / 2, (plane.height - h) / 2, w, h);
   const Transforms t(good_size(w + kernel_side), good_size(h + kernel_side), threads);
   const RealPlane canvas = periodic_extension(part, t.width(), t.height());
-  const BlurLikelihood likelihood(t, canvas, noise_level(part));
+  const BlurLikelihood likelihood(t, canvas, std::sqrt(noise.mean_variance(part)));
   const double n = (double)t.pixels(), own = likelihood.score(kernel);
   Image none(1, 1, 1);
   none.pixels[0] = 1;
@@ -137,6 +181,82 @@ void check_likelihood(const Image& plane, const Image& kernel, int kernel_side, 
   }
   if (radius < 0 || worse_than_disk(radius - 0.5) || worse_than_disk(radius + 0.5))
     throw Error("the blur could not be told apart from the picture's own texture (too few sharp edges)");
+}
+
+EdgeShares edge_shares(const Image& plane, const NoiseModel& noise) {
+  EdgeShares shares;
+  const Spread spread = robust_spread(plane);
+  if (!(spread.width > 0)) return shares;
+  const double near = 0.15 * spread.width, low = spread.low, high = spread.low + spread.width;
+  double extremes = 0, steps = 0, count = 0;
+  for (int y = 0; y + 2 < plane.height; y += 2)
+    for (int x = 0; x + 2 < plane.width; x += 2) {
+      const double v = plane.at(x, y);
+      extremes += v < low + near || v > high - near;
+      // Steps over two samples: well above the noise of both, and a tenth of the spread.
+      const double gx = plane.at(x + 2, y) - v, gy = plane.at(x, y + 2) - v;
+      const double least = std::max(0.1 * spread.width, 6 * std::sqrt(noise.variance(v)));
+      steps += std::sqrt(gx * gx + gy * gy) > least;
+      ++count;
+    }
+  if (count > 0) shares.extremes = extremes / count, shares.steps = steps / count;
+  return shares;
+}
+
+bool few_natural_edges(const EdgeShares& shares) {
+  const Tuning& tune = tuning();
+  return shares.extremes > tune.few_extremes || shares.steps < tune.few_steps;
+}
+
+double kernel_agreement(const Image& a, const Image& b) {
+  // Both on one canvas, middles on its middle; the best of small shifts.
+  const int n = std::max(a.width, b.width) + 8, c = n / 2;
+  std::vector<double> pa((size_t)n * n, 0.0), pb((size_t)n * n, 0.0);
+  const auto place = [n, c](const Image& k, std::vector<double>& p) {
+    double norm = 0;
+    for (int y = 0; y < k.height; ++y)
+      for (int x = 0; x < k.width; ++x) {
+        const double v = k.at(x, y);
+        p[(size_t)(c + y - k.height / 2) * n + c + x - k.width / 2] = v, norm += v * v;
+      }
+    return std::sqrt(norm);
+  };
+  const double na = place(a, pa), nb = place(b, pb);
+  if (!(na > 0) || !(nb > 0)) return 0;
+  double best = 0;
+  for (int dy = -4; dy <= 4; ++dy)
+    for (int dx = -4; dx <= 4; ++dx) {
+      double dot = 0;
+      for (int y = std::max(0, -dy); y < std::min(n, n - dy); ++y)
+        for (int x = std::max(0, -dx); x < std::min(n, n - dx); ++x) dot += pa[(size_t)y * n + x] * pb[(size_t)(y + dy) * n + x + dx];
+      best = std::max(best, dot / (na * nb));
+    }
+  return best;
+}
+
+void check_halves(const Image& plane, const Image& clipped, const NoiseModel& noise, const Image& kernel,
+                  const std::function<Image(const Image&, const Image&, int)>& estimate) {
+  const Tuning& tune = tuning();
+  if (std::min(plane.width, plane.height) < 2 * tune.agreement_side || !few_natural_edges(edge_shares(plane, noise)))
+    return;
+  // Text or sky fits a kernel of its own shapes as readily as the blur's:
+  // the blur is the kernel each half of the picture agrees on.
+  // At half scale: the halves then cost a quarter of the whole, and a
+  // kernel's shape, not its last pixel, is what is compared.
+  const auto [first, second] = halves({0, 0, plane.width, plane.height});
+  int side = kernel.width / 2;
+  side += side % 2 == 0;
+  const Image whole = resize_kernel(kernel, side);
+  double least = 1;
+  for (const Window& half : {first, second}) {
+    const int w = half.width / 2, h = half.height / 2;
+    const Image part = resample(crop(plane, half.x, half.y, half.width, half.height), w, h);
+    const Image part_clipped = resample(crop(clipped, half.x, half.y, half.width, half.height), w, h);
+    least = std::min(least, kernel_agreement(whole, estimate(part, part_clipped, side)));
+  }
+  if (least < tune.agreement)
+    throw Error("the blur estimated on different parts of the picture disagrees (agreement " + percent(least) +
+                "): the picture has too few natural edges (text, sky) to tell its blur; try a --region with more");
 }
 
 }  // namespace estimation
