@@ -48,6 +48,16 @@ struct Tuning {
   // and the faint taps removed after it (instead of `faint`).
   int refine = 2;
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
+  // A second start's core (0: none); the picture's likelihood picks between them.
+  double refine_second_core = 0.1;
+  // Its kernel step's L1 penalty (relative to the gradients' energy) on taps
+  // outside the support and within it, the support's jump (in peaks over the
+  // kernel's side and the round, after Xu & Jia 2010), the least |k| the
+  // reweighting divides by (of the peak), its rounds, and the faint taps
+  // removed after each round.
+  double refine_l1 = 0.02, refine_l1_inside = 0.002, refine_jump = 0.5, refine_floor = 0.02;
+  int refine_irls = 3;
+  double refine_loop_faint = 0.02;
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
   // blur and loses more than trust_loss to the likeliest disk, or gains less
   // than trust_least_gain.
@@ -105,6 +115,18 @@ KernelProblem kernel_problem(const Transforms& t, const Spectrum& sx, const Spec
 // Solves it with Tikhonov weight gamma (relative to the gradients' energy),
 // starting from `start`, by conjugate gradients; negatives clipped.
 Image solve_kernel(const KernelProblem& problem, const Image& start, double gamma);
+// The kernel's support after Xu & Jia 2010: taps from the first gap of more
+// than `jump` of the peak between sorted neighbouring values up.
+std::vector<char> kernel_support(const Image& kernel, double jump);
+// The same problem with an L1 penalty, `outside` (relative to the gradients'
+// energy) on taps outside the start's support and `inside` within it, by
+// `rounds` of reweighted least squares, |k| floored at `floor` of the start's
+// peak; negatives clipped.
+struct SparseWeights {
+  double gamma, inside, outside, jump, floor;
+  int rounds;
+};
+Image solve_kernel_sparse(const KernelProblem& problem, const Image& start, const SparseWeights& weights);
 // Faint taps (below `faint` of the largest) and specks of less than `speck`
 // of the weight removed, sum 1.
 void clean_kernel(Image& kernel, double faint, double speck);
@@ -128,6 +150,10 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count);
 PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const Transforms& t, const SharpStep& step,
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height);
 Image draw(const std::string& model, double a, double b);  // largest tap 1
+// Which of `kernels` the picture's spectrum finds likeliest, by the fits'
+// likelihood (on the plane's periodic component, the prior's slope measured
+// on photographs); the first of equals.
+size_t likeliest(const Image& plane, const std::vector<Image>& kernels);
 
 // How well a kernel explains the picture: the negative log-likelihood of the
 // picture's spectrum for that blur, a Gaussian prior on the sharp image's
