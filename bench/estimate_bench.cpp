@@ -75,6 +75,7 @@ bool set_tuning(const char* setting) {
   else if (name == "refine_faint") t.refine_faint = v;
   else if (name == "loop_faint") t.loop_faint = v;
   else if (name == "refine_second_core") t.refine_second_core = v;
+  else if (name == "second_margin") t.second_margin = v;
   else if (name == "refine_l1") t.refine_l1 = v;
   else if (name == "refine_l1_inside") t.refine_l1_inside = v;
   else if (name == "refine_jump") t.refine_jump = v;

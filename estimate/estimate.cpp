@@ -73,7 +73,7 @@ Image refine_from_two_cores(const Transforms& t, const SharpStep& step, const Sp
     refined.push_back(refine(t, step, bx, by, kernel, plane.width, plane.height, lg, lp, core));
     clean_kernel(refined.back(), tune.refine_faint, tune.speck);
   }
-  return refined[refined.size() > 1 ? likeliest(plane, refined) : 0];
+  return refined[refined.size() > 1 ? likeliest(plane, refined, tune.second_margin) : 0];
 }
 
 }  // namespace

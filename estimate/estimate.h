@@ -48,8 +48,10 @@ struct Tuning {
   // and the faint taps removed after it (instead of `faint`).
   int refine = 2;
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
-  // A second start's core (0: none); the picture's likelihood picks between them.
-  double refine_second_core = 0.1;
+  // A second start's core (0: none), kept when the picture's likelihood
+  // prefers it by more than second_margin nats a pixel: long shakes whose
+  // tails it kept won by 0.03, disks and motions it made worse by 0.003 at most.
+  double refine_second_core = 0.1, second_margin = 0.01;
   // Its kernel step's L1 penalty (relative to the gradients' energy) on taps
   // outside the support and within it, the support's jump (in peaks over the
   // kernel's side and the round, after Xu & Jia 2010), the least |k| the
@@ -152,8 +154,8 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
 Image draw(const std::string& model, double a, double b);  // largest tap 1
 // Which of `kernels` the picture's spectrum finds likeliest, by the fits'
 // likelihood (on the plane's periodic component, the prior's slope measured
-// on photographs); the first of equals.
-size_t likeliest(const Image& plane, const std::vector<Image>& kernels);
+// on photographs); the others must beat the first by `margin` nats a pixel.
+size_t likeliest(const Image& plane, const std::vector<Image>& kernels, double margin);
 
 // How well a kernel explains the picture: the negative log-likelihood of the
 // picture's spectrum for that blur, a Gaussian prior on the sharp image's

@@ -255,12 +255,13 @@ Image draw(const std::string& model, double a, double b) {
   return out;
 }
 
-size_t likeliest(const Image& plane, const std::vector<Image>& kernels) {
+size_t likeliest(const Image& plane, const std::vector<Image>& kernels, double margin) {
   const SpectrumFit fit(plane);
   size_t best = 0;
   double least = 1e300;
+  const double pixels = (double)plane.width * plane.height;
   for (size_t i = 0; i < kernels.size(); ++i) {
-    const double e = fit(kernels[i]);
+    const double e = fit(kernels[i]) + (i ? margin * pixels : 0);
     if (e < least) least = e, best = i;
   }
   return best;

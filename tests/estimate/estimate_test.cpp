@@ -36,7 +36,7 @@ TEST(Kernels, ComeBackInShapeAfterAlignment) {
     const double similarity = shape_similarity(e.psf, c.blur.psf);
     std::printf("%s %s %.1f %.1f: %s, similarity %.2f\n", k.photo, kind_name(k.kind), c.blur.a, c.blur.b,
                 e.description.c_str(), similarity);
-    EXPECT_GE(similarity, 0.65) << k.photo;  // these score 0.74 to 0.94; a wrong length or fragments under 0.6
+    EXPECT_GE(similarity, 0.65) << k.photo;  // these score 0.73 to 0.94; a wrong length or fragments under 0.6
     EXPECT_TRUE(e.psf.width % 2 == 1 && e.psf.width == e.psf.height) << k.photo;
     EXPECT_FLOAT_EQ(*std::max_element(e.psf.pixels.begin(), e.psf.pixels.end()), 1.0f);
     double cx, cy;
@@ -55,7 +55,7 @@ double spread(const deconv::Image& k) {
 
 // The refinement at full resolution: a long shake keeps the faint part of
 // its path (refined from the band's brightest taps alone these came out at
-// 0.48, 0.67 and 0.78, their tails cut; now 0.71, 0.80 and 0.88), a compact
+// 0.48, 0.67 and 0.78, their tails cut; now 0.71, 0.80 and 0.86), a compact
 // disk does not grow into a halo (as thick and as wide as the truth), and
 // the kernel is the same whatever the number of threads.
 TEST(Kernels, ALongShakeKeepsItsTailACompactDiskDoesNotGrow) {
@@ -68,7 +68,9 @@ TEST(Kernels, ALongShakeKeepsItsTailACompactDiskDoesNotGrow) {
   for (const auto& s : shakes) {
     const Case c = blurred_case(s.k.photo, s.k.kind, s.k.noise, s.k.seed);
     const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255));
-    EXPECT_GE(shape_similarity(e.psf, c.blur.psf), s.least) << s.k.photo << " " << e.description;
+    const double similarity = shape_similarity(e.psf, c.blur.psf);
+    std::printf("%s shake %.1f: %s, similarity %.2f\n", s.k.photo, c.blur.a, e.description.c_str(), similarity);
+    EXPECT_GE(similarity, s.least) << s.k.photo;
   }
   // Disks of radius 9.2 and 2.1 (now 0.99 and 1.10 times as wide as the
   // truth): from the brightest taps alone the first came out 1.10 times as
