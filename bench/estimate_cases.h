@@ -251,7 +251,15 @@ inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, d
   if (o.refused) return o;
   o.description = e.description;
   const CImg<float> psf = as_file(e.psf);
-  o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  // A kernel restoration will not take (one on a floor of faint taps) is
+  // as good as no answer.
+  try {
+    o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
+  } catch (const deconv::Error& error) {
+    o.refused = true;
+    o.reason = std::string("restoration refused the estimate: ") + error.what();
+    return o;
+  }
   if (estimate) *estimate = std::move(e);
   return o;
 }
