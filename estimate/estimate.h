@@ -8,11 +8,14 @@
 //   sharp_step.cpp  the sharp image for a kernel: L0 priors on gradients and
 //                   intensities, half-quadratic splitting, closed form per step
 //   kernel_step.cpp the kernel for a sharp image: least squares on gradients
-//                   with a small Tikhonov term, solved on the kernel's support;
+//                   with a small Tikhonov term, solved on the kernel's support
+//                   (at full resolution with a reweighted L1 penalty, lighter
+//                   on the support found from the kernel's own gaps);
 //                   negatives clipped, faint taps and specks removed,
 //                   normalised; centring to a fraction of a pixel and trimming
 //   estimate.cpp    the driver: estimate_psf; coarse to fine on salient edges,
 //                   then a refinement on all gradients at full resolution
+//                   from two cores of the kernel, the likelier kept
 //   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h and
 //                   sized by the picture's likelihood (also trust.cpp's check)
 //   transforms.cpp  real-to-complex FFTW plans made once per size
