@@ -27,8 +27,8 @@ namespace {
 
 struct Tally {
   int cases = 0, within2 = 0, within3 = 0, refused = 0, worse = 0;
-  double lost = 0, gained = 0, seconds = 0, similarity = 0;
-  void add(const Outcome& o, double shape) {
+  double lost = 0, gained = 0, seconds = 0, similarity = 0, thick = 0;
+  void add(const Outcome& o, double shape, double thickness = 0) {
     ++cases;
     seconds += o.seconds;
     if (o.refused) {
@@ -38,20 +38,21 @@ struct Tally {
     within2 += o.ratio() <= 2, within3 += o.ratio() <= 3;
     worse += o.mse_estimated > o.mse_blurred;
     similarity += shape;
+    thick += thickness;
     lost += psnr(o.mse_true) - psnr(o.mse_estimated);
     gained += psnr(o.mse_estimated) - psnr(o.mse_blurred);
   }
   void print(const std::string& name) const {
     const int answered = cases - refused;
-    std::printf("| %-22s | %5d | %5.1f %% | %5.1f %% | %3d | %3d | %6.2f dB | %6.2f dB | %4.2f | %5.2f s |\n", name.c_str(),
+    std::printf("| %-22s | %5d | %5.1f %% | %5.1f %% | %3d | %3d | %6.2f dB | %6.2f dB | %4.2f | %4.2f | %5.2f s |\n", name.c_str(),
                 cases, 100.0 * within2 / cases, 100.0 * within3 / cases, refused, worse, answered ? lost / answered : 0,
-                answered ? gained / answered : 0, answered ? similarity / answered : 0, seconds / cases);
+                answered ? gained / answered : 0, answered ? similarity / answered : 0, answered ? thick / answered : 0, seconds / cases);
   }
 };
 
 void header(const char* what) {
-  std::printf("\n| %-22s | Cases | Ratio <= 2 | Ratio <= 3 | Refused | Worse than blurred | PSNR lost to true PSF | PSNR gained over blurred | Shape | Time |\n", what);
-  std::printf("|---|---|---|---|---|---|---|---|---|---|\n");
+  std::printf("\n| %-22s | Cases | Ratio <= 2 | Ratio <= 3 | Refused | Worse than blurred | PSNR lost to true PSF | PSNR gained over blurred | Shape | Thickness | Time |\n", what);
+  std::printf("|---|---|---|---|---|---|---|---|---|---|---|\n");
 }
 
 bool set_tuning(const char* setting) {
@@ -74,6 +75,14 @@ bool set_tuning(const char* setting) {
   else if (name == "refine_gamma") t.refine_gamma = v;
   else if (name == "refine_faint") t.refine_faint = v;
   else if (name == "loop_faint") t.loop_faint = v;
+  else if (name == "refine_second_core") t.refine_second_core = v;
+  else if (name == "second_margin") t.second_margin = v;
+  else if (name == "refine_l1") t.refine_l1 = v;
+  else if (name == "refine_l1_inside") t.refine_l1_inside = v;
+  else if (name == "refine_jump") t.refine_jump = v;
+  else if (name == "refine_floor") t.refine_floor = v;
+  else if (name == "refine_irls") t.refine_irls = (int)v;
+  else if (name == "refine_loop_faint") t.refine_loop_faint = v;
   else if (name == "trust_gain") t.trust_gain = v;
   else if (name == "trust_loss") t.trust_loss = v;
   else if (name == "trust_least_gain") t.trust_least_gain = v;
@@ -253,19 +262,21 @@ int main(int argc, char** argv) {
           (c.blur.psf / c.blur.psf.max() * 255).save_pnm((stem + "_true.pgm").c_str());
         }
         const double shape = o.refused ? 0 : shape_similarity(e.psf, c.blur.psf);
-        all.add(o, shape);
-        by_kind[kind_name(kind)].add(o, shape);
+        const double thick = o.refused ? 0 : thickness(e.psf, c.blur.psf);
+        all.add(o, shape, thick);
+        by_kind[kind_name(kind)].add(o, shape, thick);
         char text[32];
         std::snprintf(text, sizeof text, "%.1f %%", noise * 100);
-        by_noise[text].add(o, shape);
-        by_photo[photo.name].add(o, shape);
+        by_noise[text].add(o, shape, thick);
+        by_photo[photo.name].add(o, shape, thick);
         if (verbose) {
           std::printf("%-22s %-8s %5.1f %5.1f noise %.3f: ", photo.name.c_str(), kind_name(kind), c.blur.a, c.blur.b, noise);
           if (o.refused)
             std::printf("refused (%s)\n", o.reason.c_str());
           else
-            std::printf("ratio %6.2f  true %.2f dB estimated %.2f dB blurred %.2f dB  %s  %.2f s\n", o.ratio(),
-                        psnr(o.mse_true), psnr(o.mse_estimated), psnr(o.mse_blurred), o.description.c_str(), o.seconds);
+            std::printf("ratio %6.2f  true %.2f dB estimated %.2f dB blurred %.2f dB  %s  shape %.2f thickness %.2f  %.2f s\n",
+                        o.ratio(), psnr(o.mse_true), psnr(o.mse_estimated), psnr(o.mse_blurred), o.description.c_str(),
+                        shape, thick, o.seconds);
           std::fflush(stdout);
         }
       }

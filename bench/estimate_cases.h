@@ -321,6 +321,18 @@ inline double shape_similarity(const deconv::Image& estimate, const CImg<float>&
   return best;
 }
 
+// How much thicker the estimate is than the truth: the ratio of their
+// effective numbers of taps, (sum k)^2 / sum k^2, which counts a line of
+// length L as L taps and a band three pixels wide across it as 3 L.
+inline double thickness(const deconv::Image& estimate, const CImg<float>& truth) {
+  const auto taps = [](auto begin, auto end) {
+    double sum = 0, squares = 0;
+    for (auto i = begin; i != end; ++i) sum += *i, squares += (double)*i * *i;
+    return squares > 0 ? sum * sum / squares : 0.0;
+  };
+  return taps(estimate.pixels.begin(), estimate.pixels.end()) / taps(truth.begin(), truth.end());
+}
+
 constexpr int border = 32, shift = 3;
 // The evaluation's pictures: whole photographs, or crops of this side of the
 // larger ones (a photograph of a few megapixels is estimated on a window of
@@ -343,11 +355,14 @@ inline Outcome evaluate(const Case& c, const deconv::EstimateOptions& options, d
   if (o.refused) return o;
   o.description = e.description;
   const CImg<float> psf = as_file(e.psf);
+  // A kernel restoration will not take (one on a floor of faint taps) is
+  // as good as no answer.
   try {
     o.mse_estimated = interior_mse(deconv_restored(c.blurred, psf, chosen_strength(c.blurred, psf)), c.sharp, border, shift);
-  } catch (const deconv::Error& error) {  // deconv-strength's refusal of the PSF: the user gets no restoration
+  } catch (const deconv::Error& error) {
     o.refused = true;
-    o.reason = std::string("deconv-strength: ") + error.what();
+    o.reason = std::string("restoration refused the estimate: ") + error.what();
+    return o;
   }
   if (estimate) *estimate = std::move(e);
   return o;

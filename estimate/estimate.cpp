@@ -47,18 +47,35 @@ void masked_gradient_spectra(const Transforms& t, const RealPlane& plane, int x0
 // from the band's core and fitting all of the sharp image's gradients with
 // little Tikhonov lets the picture decide the width.
 Image refine(const Transforms& t, const SharpStep& step, const Spectrum& bx, const Spectrum& by, Image kernel, int width,
-             int height, double lg, double lp, const Image& ignore) {
+             int height, double lg, double lp, double core, const Image& ignore) {
   const Tuning& tune = tuning();
-  clean_kernel(kernel, tune.refine_core, tune.speck);
+  clean_kernel(kernel, core, tune.speck);
   for (int it = 0; it < tune.refine; ++it) {
     const RealPlane sharp = step.solve(kernel, lg, lp, tune.kappa);
     Spectrum sx, sy;
     masked_gradient_spectra(t, sharp, 0, 0, width, height, sx, sy, 0, &ignore);
-    kernel = solve_kernel(kernel_problem(t, sx, sy, bx, by, kernel.width), kernel, tune.refine_gamma);
-    clean_kernel(kernel, tune.loop_faint, tune.speck);
+    const SparseWeights weights{tune.refine_gamma, tune.refine_l1_inside, tune.refine_l1,
+                                tune.refine_jump / (kernel.width * (it + 1.0)), tune.refine_floor, tune.refine_irls};
+    kernel = solve_kernel_sparse(kernel_problem(t, sx, sy, bx, by, kernel.width), kernel, weights);
+    clean_kernel(kernel, tune.refine_loop_faint, tune.speck);
     kernel = recentre_whole(kernel);
   }
   return kernel;
+}
+
+// No one core serves every blur: the band's brightest taps keep a compact
+// disk or Gaussian from growing, a lower cut keeps a long shake's faint tail.
+// Both are refined, and the picture's likelihood picks.
+Image refine_from_two_cores(const Transforms& t, const SharpStep& step, const Spectrum& bx, const Spectrum& by,
+                            const Image& kernel, const Image& plane, double lg, double lp, const Image& ignore) {
+  const Tuning& tune = tuning();
+  std::vector<Image> refined;
+  for (const double core : {tune.refine_core, tune.refine_second_core}) {
+    if (!(core > 0)) continue;
+    refined.push_back(refine(t, step, bx, by, kernel, plane.width, plane.height, lg, lp, core, ignore));
+    clean_kernel(refined.back(), tune.refine_faint, tune.speck);
+  }
+  return refined[refined.size() > 1 ? likeliest(plane, refined, tune.second_margin) : 0];
 }
 
 }  // namespace
@@ -119,7 +136,7 @@ Image free_kernel(const Image& plane, const Image& clipped, int side, int thread
     }
     if (last && tune.refine > 0) {
       report(options, "refining", 1);
-      kernel = refine(*t, step, bx, by, kernel, w, h, lg, lp, ignore);
+      kernel = refine_from_two_cores(*t, step, bx, by, kernel, y, lg, lp, ignore);
     }
     if (last && finest) {
       finest->transforms = std::move(t);

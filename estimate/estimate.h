@@ -11,11 +11,14 @@
 //   sharp_step.cpp  the sharp image for a kernel: L0 priors on gradients and
 //                   intensities, half-quadratic splitting, closed form per step
 //   kernel_step.cpp the kernel for a sharp image: least squares on gradients
-//                   with a small Tikhonov term, solved on the kernel's support;
+//                   with a small Tikhonov term, solved on the kernel's support
+//                   (at full resolution with a reweighted L1 penalty, lighter
+//                   on the support found from the kernel's own gaps);
 //                   negatives clipped, faint taps and specks removed,
 //                   normalised; centring to a fraction of a pixel and trimming
 //   estimate.cpp    the driver: estimate_psf; coarse to fine on salient edges,
 //                   then a refinement on all gradients at full resolution
+//                   from two cores of the kernel, the likelier kept
 //   parametric.cpp  motion, disk and Gaussian fits, drawn by psf/kernels.h and
 //                   sized by the picture's likelihood (also trust.cpp's check)
 //   transforms.cpp  real-to-complex FFTW plans made once per size
@@ -53,6 +56,18 @@ struct Tuning {
   // and the faint taps removed after it (instead of `faint`).
   int refine = 2;
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
+  // A second start's core (0: none), kept when the picture's likelihood
+  // prefers it by more than second_margin nats a pixel: long shakes whose
+  // tails it kept won by 0.03, disks and motions it made worse by 0.003 at most.
+  double refine_second_core = 0.1, second_margin = 0.01;
+  // Its kernel step's L1 penalty (relative to the gradients' energy) on taps
+  // outside the support and within it, the support's jump (in peaks over the
+  // kernel's side and the round, after Xu & Jia 2010), the least |k| the
+  // reweighting divides by (of the peak), its rounds, and the faint taps
+  // removed after each round.
+  double refine_l1 = 0.02, refine_l1_inside = 0.002, refine_jump = 0.5, refine_floor = 0.02;
+  int refine_irls = 3;
+  double refine_loop_faint = 0.02;
   // Refusal when the kernel gains less than trust_gain (nats a pixel) over no
   // blur and loses more than trust_loss to the likeliest disk, or gains less
   // than trust_least_gain: nothing, since the gain falls with the noise and
@@ -133,6 +148,18 @@ KernelProblem kernel_problem(const Transforms& t, const Spectrum& sx, const Spec
 // Solves it with Tikhonov weight gamma (relative to the gradients' energy),
 // starting from `start`, by conjugate gradients; negatives clipped.
 Image solve_kernel(const KernelProblem& problem, const Image& start, double gamma);
+// The kernel's support after Xu & Jia 2010: taps from the first gap of more
+// than `jump` of the peak between sorted neighbouring values up.
+std::vector<char> kernel_support(const Image& kernel, double jump);
+// The same problem with an L1 penalty, `outside` (relative to the gradients'
+// energy) on taps outside the start's support and `inside` within it, by
+// `rounds` of reweighted least squares, |k| floored at `floor` of the start's
+// peak; negatives clipped.
+struct SparseWeights {
+  double gamma, inside, outside, jump, floor;
+  int rounds;
+};
+Image solve_kernel_sparse(const KernelProblem& problem, const Image& start, const SparseWeights& weights);
 // Faint taps (below `faint` of the largest) and specks of less than `speck`
 // of the weight removed, sum 1.
 void clean_kernel(Image& kernel, double faint, double speck);
@@ -158,6 +185,10 @@ PsfEstimate fit_model(const std::string& model, const Image& free_kernel, const 
                       const RealPlane& blurred_canvas, const Spectrum& bx, const Spectrum& by, int width, int height,
                       const Image& ignore);
 Image draw(const std::string& model, double a, double b);  // largest tap 1
+// Which of `kernels` the picture's spectrum finds likeliest, by the fits'
+// likelihood (on the plane's periodic component, the prior's slope measured
+// on photographs); the others must beat the first by `margin` nats a pixel.
+size_t likeliest(const Image& plane, const std::vector<Image>& kernels, double margin);
 
 // How well a kernel explains the picture: the negative log-likelihood of the
 // picture's spectrum for that blur, a Gaussian prior on the sharp image's

@@ -40,8 +40,9 @@ KernelProblem kernel_problem(const Transforms& t, const Spectrum& sx, const Spec
 
 namespace {
 
-// (T + gamma) k, T the autocorrelation's Toeplitz operator on the support.
-void apply(const KernelProblem& p, double gamma, const std::vector<double>& k, std::vector<double>& out) {
+// (T + diag) k, T the autocorrelation's Toeplitz operator on the support.
+void apply(const KernelProblem& p, const std::vector<double>& diag, const std::vector<double>& k,
+           std::vector<double>& out) {
   const int s = p.side, la = s - 1, sa = 2 * la + 1;
   out.assign(k.size(), 0.0);
   for (int qy = 0; qy < s; ++qy)
@@ -54,24 +55,20 @@ void apply(const KernelProblem& p, double gamma, const std::vector<double>& k, s
         for (int dx = 0; dx < s; ++dx) orow[dx] += arow[dx] * kq;
       }
     }
-  for (size_t i = 0; i < k.size(); ++i) out[i] += gamma * k[i];
+  for (size_t i = 0; i < k.size(); ++i) out[i] += diag[i] * k[i];
 }
 
-}  // namespace
-
-Image solve_kernel(const KernelProblem& p, const Image& start, double gamma) {
-  const int s = p.side;
-  const size_t n = (size_t)s * s;
-  const double g = gamma * p.autocorrelation[(size_t)(s - 1) * (2 * s - 1) + s - 1];
-  std::vector<double> k(n), r(n), d, q;
-  for (size_t i = 0; i < n; ++i) k[i] = start.pixels[i];
-  apply(p, g, k, q);
+// (T + diag) k = c by conjugate gradients from `k`.
+void conjugate_gradients(const KernelProblem& p, const std::vector<double>& diag, std::vector<double>& k) {
+  const size_t n = k.size();
+  std::vector<double> r(n), d, q;
+  apply(p, diag, k, q);
   for (size_t i = 0; i < n; ++i) r[i] = p.correlation[i] - q[i];
   d = r;
   double rr = 0, bb = 0;
   for (size_t i = 0; i < n; ++i) rr += r[i] * r[i], bb += p.correlation[i] * p.correlation[i];
   for (int it = 0; it < 25 && rr > 1e-12 * bb; ++it) {
-    apply(p, g, d, q);
+    apply(p, diag, d, q);
     double dq = 0;
     for (size_t i = 0; i < n; ++i) dq += d[i] * q[i];
     if (dq <= 0) break;
@@ -85,9 +82,64 @@ Image solve_kernel(const KernelProblem& p, const Image& start, double gamma) {
     for (size_t i = 0; i < n; ++i) d[i] = r[i] + rr_new / rr * d[i];
     rr = rr_new;
   }
-  Image out(s, s, 1);
-  for (size_t i = 0; i < n; ++i) out.pixels[i] = (float)std::max(0.0, k[i]);
+}
+
+double gradients_energy(const KernelProblem& p) {
+  const int s = p.side;
+  return p.autocorrelation[(size_t)(s - 1) * (2 * s - 1) + s - 1];
+}
+
+Image clipped(const std::vector<double>& k, int side) {
+  Image out(side, side, 1);
+  for (size_t i = 0; i < k.size(); ++i) out.pixels[i] = (float)std::max(0.0, k[i]);
   return out;
+}
+
+}  // namespace
+
+Image solve_kernel(const KernelProblem& p, const Image& start, double gamma) {
+  const size_t n = (size_t)p.side * p.side;
+  std::vector<double> k(start.pixels.begin(), start.pixels.end()), diag(n, gamma * gradients_energy(p));
+  conjugate_gradients(p, diag, k);
+  return clipped(k, p.side);
+}
+
+std::vector<char> kernel_support(const Image& kernel, double jump) {
+  std::vector<float> sorted(kernel.pixels);
+  std::sort(sorted.begin(), sorted.end());
+  const float peak = sorted.back();
+  // The support's edge is the first value after a jump: the taps below it rise
+  // by small steps, noise and the solver's ripple, the blur's own taps stand
+  // apart from them.
+  float threshold = peak;
+  for (size_t j = 0; j + 1 < sorted.size(); ++j)
+    if (sorted[j + 1] - sorted[j] > jump * peak) {
+      threshold = sorted[j + 1];
+      break;
+    }
+  std::vector<char> support(kernel.pixels.size());
+  for (size_t i = 0; i < support.size(); ++i) support[i] = peak > 0 && kernel.pixels[i] >= threshold;
+  return support;
+}
+
+Image solve_kernel_sparse(const KernelProblem& p, const Image& start, const SparseWeights& w) {
+  const size_t n = (size_t)p.side * p.side;
+  const double energy = gradients_energy(p);
+  std::vector<double> k(start.pixels.begin(), start.pixels.end()), diag(n);
+  const float peak = *std::max_element(start.pixels.begin(), start.pixels.end());
+  const std::vector<char> support = kernel_support(start, w.jump);
+  // |k| as k^2 / |k'| at the last solution k' (iteratively reweighted least
+  // squares): a tap the data hardly needs pays more the smaller it gets, so
+  // that weight gathers on the blur's path instead of spreading across it.
+  for (int round = 0; round < w.rounds; ++round) {
+    for (size_t i = 0; i < n; ++i) {
+      const double l1 = support[i] ? w.inside : w.outside;
+      diag[i] = energy * (w.gamma + l1 / (2 * std::max(std::fabs(k[i]), w.floor * (double)peak)));
+    }
+    conjugate_gradients(p, diag, k);
+    for (double& v : k) v = std::max(0.0, v);
+  }
+  return clipped(k, p.side);
 }
 
 void select_edges(RealPlane& gx, RealPlane& gy, size_t count) {

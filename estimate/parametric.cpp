@@ -255,6 +255,18 @@ Image draw(const std::string& model, double a, double b) {
   return out;
 }
 
+size_t likeliest(const Image& plane, const std::vector<Image>& kernels, double margin) {
+  const SpectrumFit fit(plane);
+  size_t best = 0;
+  double least = 1e300;
+  const double pixels = (double)plane.width * plane.height;
+  for (size_t i = 0; i < kernels.size(); ++i) {
+    const double e = fit(kernels[i]) + (i ? margin * pixels : 0);
+    if (e < least) least = e, best = i;
+  }
+  return best;
+}
+
 BlurLikelihood::BlurLikelihood(const Transforms& t, const RealPlane& canvas, double noise)
     : t_(t), power_(t.frequencies()), DD_(t.frequencies()), weight_(t.frequencies()) {
   // No less noise than 8-bit steps, which every picture read from a file has.

@@ -38,12 +38,54 @@ TEST(Kernels, ComeBackInShapeAfterAlignment) {
     const double similarity = shape_similarity(e.psf, c.blur.psf);
     std::printf("%s %s %.1f %.1f: %s, similarity %.2f\n", k.photo, kind_name(k.kind), c.blur.a, c.blur.b,
                 e.description.c_str(), similarity);
-    EXPECT_GE(similarity, 0.65) << k.photo;  // these score 0.74 to 0.94; a wrong length or fragments under 0.6
+    EXPECT_GE(similarity, 0.65) << k.photo;  // these score 0.73 to 0.94; a wrong length or fragments under 0.6
     EXPECT_TRUE(e.psf.width % 2 == 1 && e.psf.width == e.psf.height) << k.photo;
     EXPECT_FLOAT_EQ(*std::max_element(e.psf.pixels.begin(), e.psf.pixels.end()), 1.0f);
     double cx, cy;
     deconv::estimation::first_moment(e.psf, cx, cy);
     EXPECT_TRUE(std::fabs(cx - e.psf.width / 2) < 1e-3 && std::fabs(cy - e.psf.height / 2) < 1e-3) << cx << " " << cy;
+  }
+}
+
+// The root mean square distance of a kernel's taps from its first moment.
+double spread(const deconv::Image& k) {
+  double cx, cy, sum = deconv::estimation::first_moment(k, cx, cy), squares = 0;
+  for (int y = 0; y < k.height; ++y)
+    for (int x = 0; x < k.width; ++x) squares += k.at(x, y) * ((x - cx) * (x - cx) + (y - cy) * (y - cy));
+  return std::sqrt(squares / sum);
+}
+
+// The refinement at full resolution: a long shake keeps the faint part of
+// its path (refined from the band's brightest taps alone these came out at
+// 0.48, 0.67 and 0.78, their tails cut; now 0.71, 0.80 and 0.86), a compact
+// disk does not grow into a halo (as thick and as wide as the truth), and
+// the kernel is the same whatever the number of threads.
+TEST(Kernels, ALongShakeKeepsItsTailACompactDiskDoesNotGrow) {
+  const struct {
+    KernelCase k;
+    double least;
+  } shakes[] = {{{"chelsea.png", Kind::shake, 0.005, 20}, 0.65},
+                {{"motorcycle_left.png", Kind::shake, 0.005, 20}, 0.75},
+                {{"coffee.png", Kind::shake, 0.005, 22}, 0.84}};
+  for (const auto& s : shakes) {
+    const Case c = blurred_case(s.k.photo, s.k.kind, s.k.noise, s.k.seed);
+    const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255));
+    const double similarity = shape_similarity(e.psf, c.blur.psf);
+    std::printf("%s shake %.1f: %s, similarity %.2f\n", s.k.photo, c.blur.a, e.description.c_str(), similarity);
+    EXPECT_GE(similarity, s.least) << s.k.photo;
+  }
+  // Disks of radius 9.2 and 2.1 (now 0.99 and 1.10 times as wide as the
+  // truth): from the brightest taps alone the first came out 1.10 times as
+  // wide; from a cut at 0.1 of the peak the second 1.54 times as wide and
+  // half as thick again.
+  for (const auto& [seed, widest] : {std::pair{4u, 1.05}, {8u, 1.15}}) {
+    const Case disk = blurred_case("coffee.png", Kind::disk, 0, seed);
+    deconv::EstimateOptions one, two;
+    one.threads = 1, two.threads = 2;
+    const deconv::PsfEstimate e = deconv::estimate_psf(to_image(disk.blurred, 1.0f / 255), one);
+    EXPECT_LE(thickness(e.psf, disk.blur.psf), 1.15) << disk.blur.a;
+    EXPECT_LE(spread(e.psf), widest * spread(to_image(disk.blur.psf, 1.0f))) << disk.blur.a;
+    EXPECT_EQ(deconv::estimate_psf(to_image(disk.blurred, 1.0f / 255), two).psf.pixels, e.psf.pixels) << disk.blur.a;
   }
 }
 
@@ -330,3 +372,5 @@ TEST_F(Evaluation, RestoresNearlyAsWellAsTheTruePsfAndNeverWorseThanTheBlur) {
 }
 
 }  // namespace
+
+
