@@ -58,7 +58,10 @@ struct Tuning {
   double refine_core = 0.3, refine_gamma = 0.02, refine_faint = 0.1;
   // A second start's core (0: none), kept when the picture's likelihood
   // prefers it by more than second_margin nats a pixel: long shakes whose
-  // tails it kept won by 0.03, disks and motions it made worse by 0.003 at most.
+  // tails it kept won by 0.03, disks and motions it made worse by 0.003 at
+  // most. On the camera-formed cases it answers more pictures well (75.0 %
+  // within an error ratio of 3 against 68.8 % without it), for three more
+  // made worse than blurred and a quarter more time.
   double refine_second_core = 0.1, second_margin = 0.01;
   // Its kernel step's L1 penalty (relative to the gradients' energy) on taps
   // outside the support and within it, the support's jump (in peaks over the
