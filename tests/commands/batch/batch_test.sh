@@ -254,7 +254,7 @@ case_restore() {
 # it; a picture it refuses is a failure with its words.
 case_estimated_psf() {
   [ -x "$build/deconv-estimate" ] || exit 77
-  convert "$data/astronaut.png" -crop 200x200+150+40 +repage -blur 0x1.5 pic-1.png  # room for a blur of 41
+  convert "$data/astronaut.png" -crop 200x200+100+60 +repage -blur 0x1.5 pic-1.png  # room for a blur of 41
   head -c 600 /dev/urandom >noise.png
   printf 'pic-1.png\tauto\tout/estimated.ppm\nnoise.png\tauto\tout/noise.ppm\n' >manifest
   batch manifest
@@ -271,7 +271,7 @@ case_estimated_psf() {
 case_kept_psf() {
   [ -x "$build/deconv-restore" ] || exit 77
   make_pictures 1
-  convert "$data/astronaut.png" -crop 200x200+150+40 +repage -blur 0x1.5 blurred.png
+  convert "$data/astronaut.png" -crop 200x200+100+60 +repage -blur 0x1.5 blurred.png
   convert "$data/astronaut.png" -crop 120x120+150+40 +repage sharp.png
   printf 'blurred.png\tauto\tout/estimated.png\npic-1.png\tgaussian:1.5\tout/drawn.ppm\nsharp.png\tgaussian:0.3\tout/sharp.png\n' >manifest
   batch --restore -w 1 -s 200 --save-psf kept manifest
