@@ -167,6 +167,10 @@ Image solve_kernel_sparse(const KernelProblem& problem, const Image& start, cons
 // Faint taps (below `faint` of the largest) and specks of less than `speck`
 // of the weight removed, sum 1.
 void clean_kernel(Image& kernel, double faint, double speck);
+// The positive taps in groups: taps no more than `gap` pixels apart along
+// both axes share one. Each group's taps as indices into kernel.pixels, in
+// the order a depth-first walk from its first tap reaches them.
+std::vector<std::vector<int>> tap_groups(const Image& kernel, int gap);
 // Moved by whole pixels so that its first moment is within half a pixel of the middle.
 Image recentre_whole(const Image& kernel);
 // Trimmed to what it fills and moved by a fraction of a pixel (bilinear, which

@@ -164,6 +164,32 @@ void select_edges(RealPlane& gx, RealPlane& gy, size_t count) {
     if (gx[i] * gx[i] + gy[i] * gy[i] < threshold) gx[i] = gy[i] = 0;
 }
 
+std::vector<std::vector<int>> tap_groups(const Image& kernel, const int gap) {
+  const int w = kernel.width, h = kernel.height;
+  std::vector<int> label((size_t)w * h, -1), stack;
+  std::vector<std::vector<int>> groups;
+  for (int start = 0; start < w * h; ++start) {
+    if (!(kernel.pixels[start] > 0) || label[start] >= 0) continue;
+    std::vector<int>& members = groups.emplace_back();
+    stack.push_back(start);
+    label[start] = start;
+    while (!stack.empty()) {
+      const int i = stack.back();
+      stack.pop_back();
+      members.push_back(i);
+      const int x = i % w, y = i / w;
+      for (int dy = -gap; dy <= gap; ++dy)
+        for (int dx = -gap; dx <= gap; ++dx) {
+          const int nx = x + dx, ny = y + dy;
+          if (nx < 0 || ny < 0 || nx >= w || ny >= h) continue;
+          const int j = ny * w + nx;
+          if (kernel.pixels[j] > 0 && label[j] < 0) label[j] = start, stack.push_back(j);
+        }
+    }
+  }
+  return groups;
+}
+
 void clean_kernel(Image& kernel, double faint, double speck) {
   const float peak = *std::max_element(kernel.pixels.begin(), kernel.pixels.end());
   if (!(peak > 0)) {
@@ -176,30 +202,11 @@ void clean_kernel(Image& kernel, double faint, double speck) {
   double total = 0;
   for (float v : kernel.pixels) total += v;
   // Specks: 8-connected groups of taps with less than `speck` of the weight.
-  const int w = kernel.width, h = kernel.height;
-  std::vector<int> label((size_t)w * h, -1), stack;
-  for (int start = 0; start < w * h; ++start) {
-    if (kernel.pixels[start] == 0 || label[start] >= 0) continue;
-    std::vector<int> members;
+  for (const std::vector<int>& members : tap_groups(kernel, 1)) {
     double sum = 0;
-    stack.push_back(start);
-    label[start] = start;
-    while (!stack.empty()) {
-      const int i = stack.back();
-      stack.pop_back();
-      members.push_back(i);
-      sum += kernel.pixels[i];
-      const int x = i % w, y = i / w;
-      for (int dy = -1; dy <= 1; ++dy)
-        for (int dx = -1; dx <= 1; ++dx) {
-          const int nx = x + dx, ny = y + dy;
-          if (nx < 0 || ny < 0 || nx >= w || ny >= h) continue;
-          const int j = ny * w + nx;
-          if (kernel.pixels[j] > 0 && label[j] < 0) label[j] = start, stack.push_back(j);
-        }
-    }
+    for (const int i : members) sum += kernel.pixels[i];
     if (sum < speck * total)
-      for (int i : members) kernel.pixels[i] = 0;
+      for (const int i : members) kernel.pixels[i] = 0;
   }
   double sum = 0;
   for (float v : kernel.pixels) sum += v;

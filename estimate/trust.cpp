@@ -99,28 +99,11 @@ void check_picture(const Image& plane, int kernel_side, const NoiseModel& model)
 }
 
 std::vector<double> kernel_parts(const Image& kernel, int gap) {
-  const int w = kernel.width, h = kernel.height;
-  std::vector<int> label((size_t)w * h, -1), stack;
   std::vector<double> parts;
   double total = 0;
-  for (int start = 0; start < w * h; ++start) {
-    if (!(kernel.pixels[start] > 0) || label[start] >= 0) continue;
+  for (const std::vector<int>& members : tap_groups(kernel, gap)) {
     double sum = 0;
-    stack.push_back(start);
-    label[start] = start;
-    while (!stack.empty()) {
-      const int i = stack.back();
-      stack.pop_back();
-      sum += kernel.pixels[i];
-      const int x = i % w, y = i / w;
-      for (int dy = -gap; dy <= gap; ++dy)
-        for (int dx = -gap; dx <= gap; ++dx) {
-          const int nx = x + dx, ny = y + dy;
-          if (nx < 0 || ny < 0 || nx >= w || ny >= h) continue;
-          const int j = ny * w + nx;
-          if (kernel.pixels[j] > 0 && label[j] < 0) label[j] = start, stack.push_back(j);
-        }
-    }
+    for (const int i : members) sum += kernel.pixels[i];
     parts.push_back(sum);
     total += sum;
   }

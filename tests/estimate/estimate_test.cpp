@@ -294,7 +294,9 @@ TEST(Progress, EveryStageAndScaleInOrder) {
   const size_t scales = told.size() - 2;
   for (size_t i = 0; i < scales; ++i) {
     EXPECT_EQ(told[i].first, "coarse to fine");
-    if (i) EXPECT_GT(told[i].second, told[i - 1].second);
+    if (i) {
+      EXPECT_GT(told[i].second, told[i - 1].second);
+    }
   }
   EXPECT_EQ(told[scales - 1].second, 1.0);
   EXPECT_EQ(told[scales], std::make_pair(std::string("refining"), 1.0));
