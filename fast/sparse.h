@@ -16,6 +16,7 @@
 #ifndef DECONV_FAST_SPARSE_H
 #define DECONV_FAST_SPARSE_H
 
+#include <algorithm>
 #include <vector>
 
 #include "spectral/real_fft.h"
@@ -38,6 +39,11 @@ struct SparseOptions {
   // them to that bound alone (the saturation model of Whyte, Sivic &
   // Zisserman 2014). 0: none.
   float clip_level = 0;
+  // With the weight chosen from the data (lambda 0): weigh each sample by
+  // the inverse of its noise's variance, measured as a * level + b, as a
+  // sensor's photon and read noise make it. Data whose noise does not grow
+  // with their level are weighed alike.
+  bool noise_follows_signal = true;
   // The penalty on the differences' split rises from beta_start * lambda by
   // beta_growth, outer_steps times, each held for inner_steps iterations.
   int outer_steps = 8;
@@ -57,6 +63,16 @@ struct SparseResult {
   float lambda = 0;  // used
   float noise = 0;   // the data's noise as measured (0 where lambda was given)
 };
+
+// The noise's variance as a * level + b, a and b at least 0: the finest
+// mixed differences of 2 x 2 blocks (as noise_deviation()) binned by the
+// blocks' mean level, the median's variance in each bin, and a line fitted
+// through them weighed by their counts.
+struct NoiseLine {
+  float a = 0, b = 0;
+  float at(float level) const { return a * std::max(level, 0.0f) + b; }
+};
+NoiseLine noise_line(const float* data, const std::vector<int>& sizes, const float* weights = nullptr);
 
 // The noise's standard deviation in `data` (any number of axes): the median
 // absolute value of the finest mixed differences along the last two axes

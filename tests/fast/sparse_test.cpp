@@ -139,6 +139,13 @@ Scene scene(const std::vector<int>& sizes, const std::vector<int>& psf_sizes, do
   return s;
 }
 
+// Photon and read noise, of variance a * signal + b.
+Scene with_photon_noise(Scene s, double a = 2e-3, double b = 2e-5) {
+  std::mt19937 rng(8);
+  for (float& d : s.data) d += (float)(std::normal_distribution<double>(0, std::sqrt(a * d + b))(rng));
+  return s;
+}
+
 std::vector<float> restore(const Scene& s, const fast::SparseOptions& options, int threads = 2) {
   spectral::Workers workers(threads);
   std::vector<float> object(s.data.size());
@@ -226,21 +233,25 @@ TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
 // Samples of no weight (a clipped highlight) hold anything: the result is
 // the same bits, the automatic lambda included.
 TEST(SparseRestore, SamplesOfNoWeightHaveNoSay) {
-  Scene s = scene({48, 64}, {7, 7}, 1.2, 0.01, 11);
-  std::vector<float> weights(s.data.size(), 1.0f);
-  for (int r = 20; r < 30; ++r)
-    for (int c = 5; c < 15; ++c) weights[r * 64 + c] = 0;
-  fast::SparseOptions options;
-  options.weights = weights.data();
-  const std::vector<float> first = restore(s, options);
-  for (size_t i = 0; i < s.data.size(); ++i)
-    if (!weights[i]) s.data[i] = 5.0f + (float)(i % 7);
-  const std::vector<float> second = restore(s, options);
-  EXPECT_EQ(0, std::memcmp(first.data(), second.data(), first.size() * sizeof(float)));
-  // Given all weights 1, the garbage shows.
-  options.weights = nullptr;
-  const std::vector<float> weighed = restore(s, options);
-  EXPECT_GT(std::fabs(weighed[25 * 64 + 10] - first[25 * 64 + 10]), 1.0f);
+  for (const bool photons : {false, true}) {
+    Scene s =
+        photons ? with_photon_noise(scene({64, 96}, {7, 7}, 1.2, 0.0, 11)) : scene({64, 96}, {7, 7}, 1.2, 0.01, 11);
+    std::vector<float> weights(s.data.size(), 1.0f);
+    for (int r = 20; r < 30; ++r)
+      for (int c = 5; c < 15; ++c) weights[r * 96 + c] = 0;
+    fast::SparseOptions options;
+    options.weights = weights.data();
+    EXPECT_EQ(photons, fast::noise_line(s.data.data(), s.sizes, options.weights).a > 0) << photons;
+    const std::vector<float> first = restore(s, options);
+    for (size_t i = 0; i < s.data.size(); ++i)
+      if (!weights[i]) s.data[i] = 5.0f + (float)(i % 7);
+    const std::vector<float> second = restore(s, options);
+    EXPECT_EQ(0, std::memcmp(first.data(), second.data(), first.size() * sizeof(float))) << photons;
+    // Given all weights 1, the garbage shows.
+    options.weights = nullptr;
+    const std::vector<float> weighed = restore(s, options);
+    EXPECT_GT(std::fabs(weighed[25 * 96 + 10] - first[25 * 96 + 10]), 1.0f);
+  }
 }
 
 // A lamp forty times the full scale, clipped at 1 after the blur: held to
@@ -312,13 +323,25 @@ TEST(SparseRestore, SameBitsForAnyNumberOfThreads) {
 }
 
 // The noise's measure follows the noise added to a smooth picture, for a
-// line and a picture.
+// line and a picture; even noise reads as even.
 TEST(SparseRestore, MeasuresTheNoise) {
   for (const double noise : {0.005, 0.02}) {
     const Scene s = scene({128, 128}, {9, 9}, 2.0, noise, 9);
     EXPECT_NEAR(fast::noise_deviation(s.data.data(), s.sizes), noise, 0.15 * noise);
     EXPECT_NEAR(fast::noise_deviation(s.data.data(), {128 * 128}), noise, 0.25 * noise);
+    const fast::NoiseLine line = fast::noise_line(s.data.data(), s.sizes);
+    EXPECT_LT(line.a * 0.5, 0.2 * line.b) << noise;
   }
+}
+
+// Photon noise grows with the light, read noise does not: the line is read
+// off the picture's own samples.
+TEST(SparseRestore, ReadsPhotonAndReadNoiseApart) {
+  const double a = 2e-3, b = 2e-5;
+  const Scene s = with_photon_noise(scene({160, 160}, {9, 9}, 1.6, 0.0, 12), a, b);
+  const fast::NoiseLine line = fast::noise_line(s.data.data(), s.sizes);
+  EXPECT_NEAR(line.a, a, 0.2 * a);
+  EXPECT_NEAR(line.b, b, 0.05 * a);  // read off levels of 0.2 and more
 }
 
 }  // namespace
