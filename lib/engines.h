@@ -39,9 +39,8 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deco
 // as a volume. `psf` is normalised here. A strength of 0 or more gives the
 // prior's weight, strength / 1e5; negative: chosen from each plane's noise.
 // Samples at or above a positive options.highlights are clipped: held to it
-// as a lower bound; their count is added to `clipped`.
-Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers,
-                     size_t* clipped = nullptr);
+// as a lower bound.
+Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& options, int workers);
 
 }  // namespace libdeconv
 

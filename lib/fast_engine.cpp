@@ -71,7 +71,7 @@ std::vector<float> positive_kernel(const Image& psf, const bool volume) {
 }  // namespace
 
 Image restore_sparse(const Image& blurred, const Image& psf, const deconv::RestoreOptions& settings,
-                     const int workers, size_t* const clipped) {
+                     const int workers) {
   const bool volume = psf.depth > 1;
   const std::vector<float> kernel = positive_kernel(psf, volume);
   std::vector<int> sizes = {blurred.height, blurred.width}, psf_sizes = {psf.height, psf.width};
@@ -84,8 +84,6 @@ Image restore_sparse(const Image& blurred, const Image& psf, const deconv::Resto
   options.clip_level = std::max(0.0f, settings.highlights);
   for (size_t b = 0; b < blurred.pixels.size() / block; ++b) {
     const float* const plane = blurred.pixels.data() + b * block;
-    if (clipped && options.clip_level > 0)
-      *clipped += std::count_if(plane, plane + block, [&](float v) { return v >= options.clip_level; });
     sparse_restore(plane, result.pixels.data() + b * block, sizes, kernel.data(), psf_sizes, options, pool);
   }
   return result;

@@ -112,11 +112,7 @@ Image restore_by_sparse(Image blurred, const Image& psf, const RestoreOptions& o
   if (kernel.depth == 1 && blurred.depth > 1 && options.notice)
     options.notice("restored each of the stack's " + std::to_string(blurred.depth) +
                    " planes on its own with the 2-D PSF");
-  size_t clipped = 0;
-  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers), &clipped);
-  if (clipped && options.notice)
-    options.notice("held " + std::to_string(clipped) +
-                   " clipped samples only to a lower bound: their light was at least the clipping level");
+  Image result = restore_sparse(blurred, kernel, settings, worker_count(options.workers));
   if (options.clamp)
     for (float& v : result.pixels) v = v < 0 ? 0.0f : v > 1 ? 1.0f : v;
   return result;
@@ -140,13 +136,22 @@ Image restore_planes(const Image& stack, const Image& psf, const RestoreOptions&
   return result;
 }
 
+// The options with "auto" made a method: the sparse prior in light for a
+// photograph as a camera saves it, the filter on the stored values else.
+RestoreOptions with_method(const Image& blurred, RestoreOptions options) {
+  const bool photograph = options.light == "encoded" && blurred.depth == 1 && options.strength < 0 && !options.exact;
+  options.method = photograph ? "sparse" : "wiener";
+  if (!photograph) options.light = "linear";
+  return options;
+}
+
 // The method's and the stack's own ways, or nothing where the picture is a
 // picture for the filter.
 std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   if (options.method == "richardson-lucy") return restore_by_richardson_lucy(blurred, psf, options);
   if (options.method == "sparse") return restore_by_sparse(blurred, psf, options);
   if (options.method != "wiener")
-    throw Error("unknown method '" + options.method + "': wiener, richardson-lucy or sparse");
+    throw Error("unknown method '" + options.method + "': auto, wiener, richardson-lucy or sparse");
   if (psf.depth > 1)
     throw Error("the PSF is a stack of " + std::to_string(psf.depth) +
                 " planes: the Wiener filter takes a 2-D PSF, richardson-lucy a 3-D one");
@@ -158,6 +163,7 @@ std::optional<Image> restore_otherwise(const Image& blurred, const Image& psf, c
 
 Image restore(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (options.method == "auto") return restore(blurred, psf, with_method(blurred, options));
   if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) return std::move(*in_light);
   if (std::optional<Image> tiled = restore_in_tiles(blurred, psf, options)) return std::move(*tiled);
   if (std::optional<Image> restored = restore_otherwise(blurred, psf, options)) return std::move(*restored);
@@ -179,6 +185,7 @@ Image restore(const Image& blurred, const Image& psf, const RestoreOptions& opti
 
 Image restore(Image&& blurred, const Image& psf, const RestoreOptions& options) {
   require_picture(blurred, "the picture");
+  if (options.method == "auto") return restore(std::move(blurred), psf, with_method(blurred, options));
   if (std::optional<Image> in_light = restore_in_light(blurred, psf, options)) {
     blurred = Image();
     return std::move(*in_light);

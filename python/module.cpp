@@ -218,7 +218,8 @@ void method_from(const py::object& method, const py::object& iterations, const p
                  const py::object& total_variation, const py::object& accelerate,
                  deconv::RestoreOptions& options) {
   if (!py::isinstance<py::str>(method))
-    throw deconv::Error("method must be \"wiener\", \"richardson-lucy\" or \"sparse\", not " + short_repr(method));
+    throw deconv::Error("method must be \"auto\", \"wiener\", \"richardson-lucy\" or \"sparse\", not " +
+                        short_repr(method));
   options.method = method.cast<std::string>();
   if (!iterations.is_none()) {
     if (!py::isinstance<py::int_>(iterations) || py::isinstance<py::bool_>(iterations) || iterations.cast<long>() < 1 ||
@@ -237,8 +238,7 @@ void method_from(const py::object& method, const py::object& iterations, const p
 }
 
 // light= as the library's: "auto" takes 8-bit integer arrays (the samples of
-// JPEG and PNG files) for sRGB-encoded, where the method is richardson-lucy
-// or sparse.
+// JPEG and PNG files) for sRGB-encoded, where the method is not the filter.
 std::string light_from(const py::object& light, const py::array& array, const bool weighs) {
   if (!py::isinstance<py::str>(light) ||
       (light.cast<std::string>() != "auto" && light.cast<std::string>() != "linear" &&
@@ -399,7 +399,7 @@ TypeError) with a one-line message.
 
   m.def("restore", &restore, py::arg("image"), py::arg("psf"), py::arg("strength") = "auto", py::arg("align") = true,
         py::arg("workers") = py::none(), py::arg("compressed") = false, py::arg("repair_nonfinite") = false,
-        py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "wiener",
+        py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "auto",
         py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("accelerate") = true,
         py::arg("channel_axis") = "auto", py::arg("total_variation") = 0.0, py::arg("light") = "auto",
         py::arg("highlights") = "auto",
@@ -413,7 +413,10 @@ psf       the blur: a 2-D array of any size and scale, no larger than the
           picture, or a 3-D one (Z, Y, X) for a stack (richardson-lucy);
           only its proportions count. Or draw_psf()'s words for it:
           "gaussian:2", "motion:15,20", "disk:3", "box:5,3".
-method    "wiener": the closed-form filter, for photographs;
+method    "auto": "sparse" in light for a photograph as cameras save it
+          (a uint8 picture, or light="encoded", strength "auto", not
+          exact), "wiener" on the stored values otherwise;
+          "wiener": the closed-form filter;
           "richardson-lucy": the maximum-likelihood restoration of photon
           counts (microscopy, astronomy), non-negative, in 2-D or 3-D;
           "sparse": a hyper-Laplacian prior on the gradients (Krishnan &
@@ -450,9 +453,9 @@ subtract_psf_background  True takes the floor of the PSF's border off a
 light     "linear": the values are in proportion to light; "encoded":
           they are sRGB-encoded (as 8-bit JPEG and PNG files store them),
           decoded to light before the restoration and the result encoded
-          again. "auto": encoded for uint8 arrays with richardson-lucy,
-          linear otherwise (the filter's strength is chosen on stored
-          values).
+          again. "auto": encoded for uint8 arrays with every method but
+          "wiener", linear otherwise (the filter's strength is chosen on
+          stored values).
 highlights  the clipping level, in the picture's units (0..1 for integer
           arrays): richardson-lucy leaves the samples at or above it, and
           those their blur reaches, out of its fit, with a UserWarning

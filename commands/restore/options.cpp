@@ -31,11 +31,14 @@ const char* const help =
     "                              background (default: refuse it)\n"
     "  --progress, --quiet         the estimation's progress on stderr always, or\n"
     "                              never (default: when stderr is a terminal)\n"
-    "  --method wiener|richardson-lucy|sparse  the closed-form filter (default),\n"
-    "                              the maximum-likelihood restoration of photon\n"
-    "                              counts, or a sparse prior on the gradients for\n"
-    "                              photographs (sharper edges, clean borders; its\n"
-    "                              --strength S weighs the prior S / 1e5)\n"
+    "  --method auto|wiener|richardson-lucy|sparse  auto (default): sparse for\n"
+    "                              8-bit photographs with a PSF given and the\n"
+    "                              strength auto, else wiener; the closed-form\n"
+    "                              filter; the maximum-likelihood restoration of\n"
+    "                              photon counts; or a sparse prior on the\n"
+    "                              gradients, in light (sharper edges, clean\n"
+    "                              borders; its --strength S weighs the prior\n"
+    "                              S / 1e5)\n"
     "  --iterations N|auto         richardson-lucy's iterations (default: auto, where\n"
     "                              the fit reaches the data's noise)\n"
     "  --background X              richardson-lucy: the counts every sample holds\n"
@@ -47,10 +50,9 @@ const char* const help =
     "                              tiles then give the untiled result\n"
     "  --light auto|linear|encoded  restore in light: encoded values (sRGB) are\n"
     "                              decoded first and the result encoded again\n"
-    "                              (default auto: for richardson-lucy and sparse\n"
-    "                              what the file says, else encoded for 8 bits and\n"
-    "                              linear for 16 and float; linear for the wiener\n"
-    "                              filter)\n"
+    "                              (default auto: what the file says, else encoded\n"
+    "                              for 8 bits and linear for 16 and float; linear\n"
+    "                              for the wiener filter)\n"
     "  --highlights auto|off|X     samples at or above X (the input's own units)\n"
     "                              are clipped: richardson-lucy leaves them and\n"
     "                              those their blur reaches out of its fit, sparse\n"
@@ -146,8 +148,8 @@ int parse_restore_command(const int argc, char** const argv, RestoreCommand& com
         if (!whole_number(value.c_str(), 1, 1024, command.workers))
           return refuse("--workers takes a whole number from 1 to 1024, not '" + value + "'");
       } else if (name == "--method") {
-        if (value != "wiener" && value != "richardson-lucy" && value != "sparse")
-          return refuse("--method takes wiener, richardson-lucy or sparse, not '" + value + "'");
+        if (value != "auto" && value != "wiener" && value != "richardson-lucy" && value != "sparse")
+          return refuse("--method takes auto, wiener, richardson-lucy or sparse, not '" + value + "'");
         command.method = value;
       } else if (name == "--iterations") {
         if (value == "auto")

@@ -14,7 +14,7 @@ struct RestoreCommand {
   int quality = 0;    // JPEG quality 1..100; 0: the input's, else 95
   bool align = true;
   bool exact = false;  // deconv's own engine
-  std::string method = "wiener";  // or "richardson-lucy"
+  std::string method = "auto";    // or "wiener", "richardson-lucy", "sparse"
   int iterations = 0;             // richardson-lucy's; 0: until the data's noise
   double background = 0;          // richardson-lucy's, in the input's own sample units
   double total_variation = 0;     // richardson-lucy's prior's weight

@@ -100,7 +100,7 @@ class Reading(unittest.TestCase):
         jpeg = deconv.choose_strength(blurred, psf, compressed=True)
         self.assertGreater(jpeg, deconv.choose_strength(blurred, psf))
         self.assertEqual(deconv.choose_strength(blurred, "motion:9,30", compressed=True), jpeg)
-        np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1),
+        np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1, method="wiener"),
                                       deconv.restore(blurred, psf, strength=jpeg, workers=1))
 
 class Estimation(unittest.TestCase):
@@ -276,9 +276,9 @@ class StackFiles(unittest.TestCase):
 
 
 class Light(unittest.TestCase):
-    """light= and highlights= as the library takes them: "auto" reads uint8
-    arrays as sRGB-encoded for richardson-lucy, and clipped samples are told of
-    as a warning."""
+    """light=, highlights= and the default method as the library takes them:
+    "auto" reads uint8 arrays as sRGB-encoded for every method but the filter,
+    and clipped samples are told of as a warning."""
 
     def test_auto_light_and_clipped_highlights(self):
         photo = (picture((40, 48)) * 255).astype(np.uint8)
@@ -296,7 +296,12 @@ class Light(unittest.TestCase):
         np.testing.assert_array_equal(deconv.restore(floats, psf, highlights=None, **rl),
                                       deconv.restore(floats, psf, light="linear", highlights=None, **rl))
         np.testing.assert_array_equal(deconv.restore(photo, psf, strength=10),
-                                      deconv.restore(photo, psf, strength=10, light="linear"))
+                                      deconv.restore(photo, psf, strength=10, light="linear", method="wiener"))
+        # The default method: the sparse prior in light for a photograph, the filter for the rest.
+        np.testing.assert_array_equal(deconv.restore(photo, psf, workers=1),
+                                      deconv.restore(photo, psf, method="sparse", light="encoded", workers=1))
+        np.testing.assert_array_equal(deconv.restore(floats, psf, workers=1),
+                                      deconv.restore(floats, psf, method="wiener", workers=1))
         for given, words in [(dict(light="sRGB"), "light must be"), (dict(highlights=-1), "highlights must be")]:
             with self.subTest(words), self.assertRaises(deconv.Error) as raised:
                 deconv.restore(photo, psf, **given)

@@ -87,7 +87,7 @@ TEST(Tiles, PictureRestoresAsTheWhole) {
   const deconv::Image whole = read_picture(dir / "whole.exr", SampleScale::raw).image;
   EXPECT_LT(seam(read_picture(dir / "tiled.exr", SampleScale::raw).image, whole, 20, 0), 1e-3);
 
-  ASSERT_EQ(run("--memory 1 photo.png chosen.exr").first, 0);
+  ASSERT_EQ(run("--method wiener --memory 1 photo.png chosen.exr").first, 0);
   const deconv::Image chosen = read_picture(dir / "chosen.exr", SampleScale::raw).image;
   // Against the whole restored at each strength near the choice: one of
   // them is the tiles' strength everywhere.
