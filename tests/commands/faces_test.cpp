@@ -47,29 +47,22 @@ class EveryCommand : public ::testing::TestWithParam<Command> {
   TempDir dir;
 };
 
-TEST_P(EveryCommand, HelpIsUsageOnStdout) {
+// --help and -h are the usage on stdout, --version the project's; a bad
+// command line is one line on stderr.
+TEST_P(EveryCommand, HelpVersionAndABadCommandLine) {
+  const std::string name = GetParam().name;
   for (const char* option : {"--help", "-h"}) {
     const Outcome r = run(dir, GetParam().binary, option);
-    EXPECT_EQ(r.status, 0) << option;
-    EXPECT_THAT(r.out, StartsWith(std::string("usage: ") + GetParam().name + " ")) << option;
-    EXPECT_EQ(r.err, "") << option;
+    EXPECT_TRUE(r.status == 0 && r.err.empty()) << option;
+    EXPECT_THAT(r.out, StartsWith("usage: " + name + " ")) << option;
   }
-}
-
-TEST_P(EveryCommand, VersionIsTheProjects) {
-  const Outcome r = run(dir, GetParam().binary, "--version");
-  EXPECT_EQ(r.status, 0);
-  EXPECT_EQ(r.out, std::string(GetParam().name) + " " DECONV_PROJECT_VERSION "\n");
-  EXPECT_EQ(r.err, "");
-}
-
-// A bad command line is one line too, and points at --help.
-TEST_P(EveryCommand, BadCommandLineIsOneLine) {
-  const Outcome r = run(dir, GetParam().binary, "--no-such-option x y z");
-  EXPECT_NE(r.status, 0);
-  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
-  EXPECT_THAT(r.err, StartsWith(std::string(GetParam().name) + ": "));
-  EXPECT_EQ(r.out, "");
+  const Outcome version = run(dir, GetParam().binary, "--version");
+  EXPECT_TRUE(version.status == 0 && version.err.empty());
+  EXPECT_EQ(version.out, name + " " DECONV_PROJECT_VERSION "\n");
+  const Outcome bad = run(dir, GetParam().binary, "--no-such-option x y z");
+  EXPECT_TRUE(bad.status != 0 && bad.out.empty());
+  EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1) << bad.err;
+  EXPECT_THAT(bad.err, StartsWith(name + ": "));
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand, ::testing::ValuesIn(commands),

@@ -28,25 +28,6 @@ struct KernelCase {
   unsigned seed;
 };
 
-// Kernels come back in shape, as deconv takes them: an odd square, its
-// largest tap 1, its first moment on the middle pixel.
-TEST(Kernels, ComeBackInShapeAfterAlignment) {
-  for (const KernelCase& k : {KernelCase{"camera.png", Kind::shake, 0.005, 22}, {"astronaut.png", Kind::shake, 0.005, 2},
-                              {"motorcycle_left.png", Kind::motion, 0.01, 3}, {"coffee.png", Kind::disk, 0, 4}}) {
-    const Case c = blurred_case(k.photo, k.kind, k.noise, k.seed);
-    const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255));
-    const double similarity = shape_similarity(e.psf, c.blur.psf);
-    std::printf("%s %s %.1f %.1f: %s, similarity %.2f\n", k.photo, kind_name(k.kind), c.blur.a, c.blur.b,
-                e.description.c_str(), similarity);
-    EXPECT_GE(similarity, 0.65) << k.photo;  // these score 0.73 to 0.94; a wrong length or fragments under 0.6
-    EXPECT_TRUE(e.psf.width % 2 == 1 && e.psf.width == e.psf.height) << k.photo;
-    EXPECT_FLOAT_EQ(*std::max_element(e.psf.pixels.begin(), e.psf.pixels.end()), 1.0f);
-    double cx, cy;
-    deconv::estimation::first_moment(e.psf, cx, cy);
-    EXPECT_TRUE(std::fabs(cx - e.psf.width / 2) < 1e-3 && std::fabs(cy - e.psf.height / 2) < 1e-3) << cx << " " << cy;
-  }
-}
-
 // The root mean square distance of a kernel's taps from its first moment.
 double spread(const deconv::Image& k) {
   double cx, cy, sum = deconv::estimation::first_moment(k, cx, cy), squares = 0;
@@ -55,27 +36,39 @@ double spread(const deconv::Image& k) {
   return std::sqrt(squares / sum);
 }
 
-// The refinement at full resolution: a long shake keeps the faint part of
-// its path (refined from the band's brightest taps alone these came out at
-// 0.48 and 0.67, their tails cut; now 0.76 and 0.80), a compact disk does
-// not grow into a halo (as thick and as wide as the truth), and the kernel
-// is the same whatever the number of threads.
-TEST(Kernels, ALongShakeKeepsItsTailACompactDiskDoesNotGrow) {
+// Kernels come back in shape, as deconv takes them: an odd square, its
+// largest tap 1, its first moment on the middle pixel. The refinement at full
+// resolution keeps a long shake's faint path: refined from the band's
+// brightest taps alone the last two came out at 0.48 and 0.67, their tails
+// cut; now 0.76 and 0.80.
+TEST(Kernels, ComeBackInShapeAndALongShakeKeepsItsTail) {
   const struct {
     KernelCase k;
-    double least;
-  } shakes[] = {{{"chelsea.png", Kind::shake, 0.005, 20}, 0.65},
-                {{"motorcycle_left.png", Kind::shake, 0.005, 20}, 0.75}};
-  for (const auto& s : shakes) {
-    const Case c = blurred_case(s.k.photo, s.k.kind, s.k.noise, s.k.seed);
+    double least;  // the first four score 0.73 to 0.94; a wrong length or fragments under 0.6
+  } cases[] = {{{"camera.png", Kind::shake, 0.005, 22}, 0.65},         {{"astronaut.png", Kind::shake, 0.005, 2}, 0.65},
+               {{"motorcycle_left.png", Kind::motion, 0.01, 3}, 0.65}, {{"coffee.png", Kind::disk, 0, 4}, 0.65},
+               {{"chelsea.png", Kind::shake, 0.005, 20}, 0.65},        {{"motorcycle_left.png", Kind::shake, 0.005, 20}, 0.75}};
+  for (const auto& [k, least] : cases) {
+    const Case c = blurred_case(k.photo, k.kind, k.noise, k.seed);
     const deconv::PsfEstimate e = deconv::estimate_psf(to_image(c.blurred, 1.0f / 255));
     const double similarity = shape_similarity(e.psf, c.blur.psf);
-    std::printf("%s shake %.1f: %s, similarity %.2f\n", s.k.photo, c.blur.a, e.description.c_str(), similarity);
-    EXPECT_GE(similarity, s.least) << s.k.photo;
+    std::printf("%s %s %.1f %.1f: %s, similarity %.2f\n", k.photo, kind_name(k.kind), c.blur.a, c.blur.b,
+                e.description.c_str(), similarity);
+    EXPECT_GE(similarity, least) << k.photo;
+    EXPECT_TRUE(e.psf.width % 2 == 1 && e.psf.width == e.psf.height) << k.photo;
+    EXPECT_FLOAT_EQ(*std::max_element(e.psf.pixels.begin(), e.psf.pixels.end()), 1.0f);
+    double cx, cy;
+    deconv::estimation::first_moment(e.psf, cx, cy);
+    EXPECT_TRUE(std::fabs(cx - e.psf.width / 2) < 1e-3 && std::fabs(cy - e.psf.height / 2) < 1e-3) << cx << " " << cy;
   }
-  // A wide disk and a small one: from the brightest taps alone the first
-  // came out 1.10 times as wide; from a cut at 0.1 of the peak alone the
-  // second 1.54 times as wide and half as thick again.
+}
+
+// A compact disk does not grow into a halo (as thick and as wide as the
+// truth), and the kernel is the same whatever the number of threads. A wide
+// disk and a small one: from the brightest taps alone the first came out 1.10
+// times as wide; from a cut at 0.1 of the peak alone the second 1.54 times as
+// wide and half as thick again.
+TEST(Kernels, ACompactDiskDoesNotGrowWhateverTheThreads) {
   for (const auto& [seed, widest] : {std::pair{4u, 1.05}, {8u, 1.15}}) {
     const Case disk = blurred_case("chelsea.png", Kind::disk, 0, seed);
     deconv::EstimateOptions one, two;
@@ -166,8 +159,8 @@ TEST(Refusals, AKernelInSeparatePartsButNotAPathWithAGap) {
   const deconv::Image ghost = kernel({{20, 8, 5}, {21, 8, 5}, {20, 20, 5}, {21, 20, 5}, {20, 32, 4}, {21, 32, 4}});
   const deconv::Image specks = kernel({{12, 12, 3}, {28, 13, 3}, {20, 28, 3}});
   const deconv::Image gapped = kernel({{14, 20, 4}, {15, 20, 4}, {16, 20, 4}, {18, 21, 3}, {19, 21, 3}, {20, 22, 3}});
-  EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(ghost, 41); }), ::testing::HasSubstr("3 separate parts"));
-  EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(specks, 41); }), ::testing::HasSubstr("3 separate parts"));
+  for (const deconv::Image& fragmented : {ghost, specks})
+    EXPECT_THAT(thrown<deconv::Error>([&] { check_kernel(fragmented, 41); }), ::testing::HasSubstr("3 separate parts"));
   EXPECT_THAT(kernel_parts(jerk, 2), ::testing::ElementsAre(::testing::DoubleNear(10 / 19.0, 1e-9), ::testing::DoubleNear(9 / 19.0, 1e-9)));
   // A light side piece is what noisy pictures' good kernels have.
   EXPECT_EQ(thrown<deconv::Error>([&] { check_kernel(kernel({{10, 20, 5}, {11, 20, 5}, {26, 20, 3}}), 41); }), "nothing thrown");
@@ -292,18 +285,15 @@ TEST(Progress, EveryStageAndScaleInOrder) {
   deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
   ASSERT_GE(told.size(), 4u);
   const size_t scales = told.size() - 2;
-  for (size_t i = 0; i < scales; ++i) {
-    EXPECT_EQ(told[i].first, "coarse to fine");
-    if (i) {
-      EXPECT_GT(told[i].second, told[i - 1].second);
-    }
-  }
+  for (size_t i = 0; i < scales; ++i)
+    EXPECT_TRUE(told[i].first == "coarse to fine" && (!i || told[i].second > told[i - 1].second)) << i;
   EXPECT_EQ(told[scales - 1].second, 1.0);
   EXPECT_EQ(told[scales], std::make_pair(std::string("refining"), 1.0));
   EXPECT_EQ(told[scales + 1], std::make_pair(std::string("checking"), 1.0));
 }
 
-// The command: statuses, the line it prints, the file it writes or leaves alone.
+// The command: statuses, the line it prints, the file it writes or leaves alone
+// (--help, unknown options and unreadable pictures are faces_test's).
 std::pair<int, std::string> run(const TempDir& dir, const std::string& args) {
   return shell("cd '" + dir.path + "' && " DECONV_ESTIMATE_BINARY " " + args + " </dev/null");
 }
@@ -329,8 +319,6 @@ TEST(Command, StatusesAndFiles) {
       {"--size 2 blurred.pgm out.png", 1, "--size"},
       {"--region 1,2,3 blurred.pgm out.png", 1, "--region"},
       {"--model box blurred.pgm out.png", 1, "unknown model"},
-      {"--frobnicate blurred.pgm out.png", 1, "unknown option"},
-      {"missing.pgm out.png", 11, "missing.pgm"},
       {"flat.pgm out.png", 11, "flat.pgm: cannot estimate the blur: the picture is too flat"},
       {"--region 250,0,100,100 blurred.pgm out.png", 11, "not inside the picture"},
   };
@@ -341,11 +329,9 @@ TEST(Command, StatusesAndFiles) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << f.args << ": " << text;
     EXPECT_FALSE(std::ifstream(dir / "out.png").good()) << f.args;
   }
-  EXPECT_THAT(run(dir, "--help"), ::testing::Pair(0, ::testing::HasSubstr("--region X,Y,W,H")));
   // Progress on stderr only when asked: the command's stderr is not a terminal here.
   EXPECT_THAT(run(dir, "--progress blurred.pgm psf.png"),
               ::testing::Pair(0, ::testing::HasSubstr("deconv-estimate: blurred.pgm: refining at scale 1\n")));
-  EXPECT_THAT(run(dir, "blurred.pgm psf.png"), ::testing::Pair(0, ::testing::StartsWith("kernel ")));
 }
 
 // A sample of the evaluation, on its pictures of 800 pixels: a restoration

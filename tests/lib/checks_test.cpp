@@ -5,27 +5,14 @@
 
 #include <cmath>
 
-#include "bench/estimate_cases.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 namespace {
 
 using ::testing::HasSubstr;
 
 deconv::Image photo(int w, int h, int channels = 1) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + (channels == 1 ? "/camera.png" : "/astronaut.png"),
-                                   120, 80, w, h, channels == 1);
-}
-
-CImg<float> as_cimg(const deconv::Image& image) {
-  return CImg<float>(image.pixels.data(), image.width, image.height, 1, image.channels);
-}
-
-// `psf` in the middle of a square of `side`, every tap lifted by `pedestal`
-// of its peak.
-deconv::Image framed(const deconv::Image& psf, int side, float pedestal) {
-  CImg<float> out(side, side, 1, 1, 0.0f);
-  return estimate_eval::to_image(out.draw_image((side - psf.width) / 2, (side - psf.height) / 2, as_cimg(psf)) + pedestal, 1);
+  return testdata_crop(channels == 1 ? "camera.png" : "astronaut.png", 120, 80, w, h, channels == 1);
 }
 
 double largest_difference(const deconv::Image& a, const deconv::Image& b, int border) {

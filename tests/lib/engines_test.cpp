@@ -4,14 +4,9 @@
 
 #include <cmath>
 
-#include "bench/estimate_cases.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 namespace {
-
-deconv::Image photo(const char* name, int x, int y, int w, int h) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/" + name, x, y, w, h);
-}
 
 deconv::Image restored(const deconv::Image& blurred, const deconv::Image& psf, bool exact, bool align,
                        int workers = 2) {
@@ -31,11 +26,11 @@ TEST(Engines, TheSecondAgreesWithDeconvsOwnToFloatRounding) {
     const char* psf;
     bool align;
   } cases[] = {
-      {photo("camera.png", 100, 60, 160, 120), "motion:9,30", true},
-      {photo("coffee.png", 200, 100, 151, 101), "gaussian:2", false},
-      {photo("chelsea.png", 40, 20, 127, 131), "box:7,3", true},
-      {photo("astronaut.png", 150, 50, 96, 64), "motion:15,100", false},
-      {photo("camera.png", 0, 0, 30, 200), "disk:5", true},  // the canvas is 23 wide, the band 13
+      {testdata_crop("camera.png", 100, 60, 160, 120), "motion:9,30", true},
+      {testdata_crop("coffee.png", 200, 100, 151, 101), "gaussian:2", false},
+      {testdata_crop("chelsea.png", 40, 20, 127, 131), "box:7,3", true},
+      {testdata_crop("astronaut.png", 150, 50, 96, 64), "motion:15,100", false},
+      {testdata_crop("camera.png", 0, 0, 30, 200), "disk:5", true},  // the canvas is 23 wide, the band 13
   };
   for (const auto& c : cases) {
     const deconv::Image psf = deconv::draw_psf(c.psf);
@@ -54,7 +49,7 @@ TEST(Engines, TheSecondAgreesWithDeconvsOwnToFloatRounding) {
 // 1, 2 and 8 workers give the same bits (calls at once in threads of their
 // own are library_test's EnginesRunAtOnceWithoutMeeting).
 TEST(Engines, TheSecondGivesTheSameBitsForAnyWorkers) {
-  const deconv::Image picture = photo("coffee.png", 0, 0, 300, 217), psf = deconv::draw_psf("motion:11,60");
+  const deconv::Image picture = testdata_crop("coffee.png", 0, 0, 300, 217), psf = deconv::draw_psf("motion:11,60");
   const deconv::Image one = restored(picture, psf, false, true, 1);
   for (const int workers : {2, 8}) EXPECT_EQ(restored(picture, psf, false, true, workers).pixels, one.pixels);
 }
@@ -64,7 +59,7 @@ TEST(Engines, TheSecondGivesTheSameBitsForAnyWorkers) {
 // single picture and by the filter; unknown methods and richardson-lucy on
 // the exact engine are refused.
 TEST(Engines, StacksByPlaneOrAsVolumes) {
-  const deconv::Image plane = photo("camera.png", 100, 60, 64, 48);
+  const deconv::Image plane = testdata_crop("camera.png", 100, 60, 64, 48);
   deconv::Image stack(64, 48, 3, 1);
   for (int z = 0; z < 3; ++z)
     for (size_t i = 0; i < plane.pixels.size(); ++i) stack.pixels[z * plane.pixels.size() + i] = plane.pixels[i] * (z + 1);

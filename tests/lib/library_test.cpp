@@ -6,27 +6,10 @@
 #include <cmath>
 #include <thread>
 
-#include "bench/estimate_cases.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 #include "tool/value_range.h"
 
 namespace {
-
-using estimate_eval::to_image;
-
-deconv::Image photo(const char* name, int x, int y, int w, int h) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/" + name, x, y, w, h);
-}
-
-CImg<float> as_cimg(const deconv::Image& image) {
-  return CImg<float>(image.pixels.data(), image.width, image.height, 1, image.channels);
-}
-
-// `sharp` blurred by `psf`, its borders mirrored.
-deconv::Image blur(const deconv::Image& sharp, const deconv::Image& psf) {
-  const CImg<float> kernel = as_cimg(psf);
-  return to_image(as_cimg(sharp).convolve(kernel / kernel.sum(), 3), 1);
-}
 
 // Mean squared error over the interior, the result taken (dx, dy) away.
 double interior_mse(const deconv::Image& result, const deconv::Image& sharp, int dx, int dy, int border = 16) {
@@ -40,8 +23,8 @@ class Library : public SemaphoreTest {};
 // very floats deconv's engine makes of it, grey and colour.
 TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
   const deconv::Image psf = deconv::draw_psf("motion:9,30");
-  for (const deconv::Image& sharp : {photo("camera.png", 100, 60, 160, 120), photo("coffee.png", 200, 100, 150, 101)}) {
-    const deconv::Image blurred = blur(sharp, psf);
+  for (const deconv::Image& sharp : {testdata_crop("camera.png", 100, 60, 160, 120), testdata_crop("coffee.png", 200, 100, 150, 101)}) {
+    const deconv::Image blurred = ::blurred(sharp, psf, 3);
     deconv::RestoreOptions options;
     options.strength = 10, options.workers = 1, options.align = false, options.exact = true;
     const deconv::Image ours = deconv::restore(blurred, psf, options);
@@ -59,8 +42,8 @@ TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
 // An aligned restoration matches the sharp picture best where it stands; the
 // bare one a pixel toward +x and +y. It is far closer than the blurred input.
 TEST_F(Library, AlignedResultStandsOnItsPicture) {
-  const deconv::Image sharp = photo("astronaut.png", 150, 60, 200, 160), psf = deconv::draw_psf("gaussian:2");
-  const deconv::Image blurred = blur(sharp, psf);
+  const deconv::Image sharp = testdata_crop("astronaut.png", 150, 60, 200, 160), psf = deconv::draw_psf("gaussian:2");
+  const deconv::Image blurred = ::blurred(sharp, psf, 3);
   deconv::RestoreOptions options;
   options.strength = 2, options.workers = 2;
   const deconv::Image aligned = deconv::restore(blurred, psf, options);
@@ -85,7 +68,7 @@ TEST_F(Library, AlignedResultStandsOnItsPicture) {
 
 // What would end or hang deconv's process is an error here, with its reason.
 TEST_F(Library, RefusesWhatWouldEndOrHangTheEngine) {
-  const deconv::Image picture = photo("camera.png", 0, 0, 64, 64), psf = deconv::draw_psf("gaussian:1");
+  const deconv::Image picture = testdata_crop("camera.png", 0, 0, 64, 64), psf = deconv::draw_psf("gaussian:1");
   deconv::Image zeros(5, 5, 1), not_finite = psf, wrong_size = psf;
   not_finite.at(2, 2) = NAN;
   wrong_size.pixels.pop_back();
@@ -104,7 +87,7 @@ TEST_F(Library, RefusesWhatWouldEndOrHangTheEngine) {
       {picture, psf, strong, "above 200"},
       {picture, psf, negative, "worker count is negative"},
       // The exact engine's edge taper would never end on this picture.
-      {photo("camera.png", 0, 0, 20, 100), deconv::draw_psf("gaussian:2"), exact, "too small for this PSF"},
+      {testdata_crop("camera.png", 0, 0, 20, 100), deconv::draw_psf("gaussian:2"), exact, "too small for this PSF"},
   };
   for (const auto& c : cases) {
     EXPECT_THAT(thrown<deconv::Error>([&] { deconv::restore(c.picture, c.psf, c.options); }),
@@ -126,8 +109,8 @@ std::vector<std::string> shared_memory_names() {
 // Eight restorations and strength choices at once in one process: each as it
 // would be alone, and no name left in /dev/shm nor the machine's names made.
 TEST_F(Library, EnginesRunAtOnceWithoutMeeting) {
-  const deconv::Image sharp = photo("chelsea.png", 50, 40, 150, 120), psf = deconv::draw_psf("disk:3");
-  const deconv::Image blurred = blur(sharp, psf);
+  const deconv::Image sharp = testdata_crop("chelsea.png", 50, 40, 150, 120), psf = deconv::draw_psf("disk:3");
+  const deconv::Image blurred = ::blurred(sharp, psf, 3);
   deconv::RestoreOptions options;
   options.strength = 5, options.workers = 1;  // one worker: the float sums come in one order
   const deconv::Image alone = deconv::restore(blurred, psf, options);

@@ -8,12 +8,11 @@
 #include <cmath>
 #include <random>
 
-#include "bench/estimate_cases.h"
 #include "imaging/srgb.h"
 #include "lib/highlights.h"
 #include "picture/light.h"
 #include "picture/picture_file.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 namespace {
 
@@ -73,12 +72,6 @@ TEST(HighlightWeights, FollowTheBlurFromEachClippedSample) {
 
 deconv::Image camera_crop(int x, int y, int w, int h) { return estimate_eval::photo_crop(camera, x, y, w, h, true); }
 
-// `image` blurred by `psf` (odd sides, centred), its borders extended.
-deconv::Image blurred(const deconv::Image& image, const deconv::Image& psf) {
-  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
-  return estimate_eval::to_image(CImg<float>(image.pixels.data(), image.width, image.height).convolve(kernel / kernel.sum(), 1), 1);
-}
-
 // With light "encoded" the picture is decoded, restored and encoded again:
 // a delta PSF gives an 8-bit picture back, and a blur gives what the linear
 // restoration of the decoded picture gives, encoded. The clipping level is
@@ -119,7 +112,7 @@ TEST(RestoreInLight, DecodesRestoresAndEncodesAgain) {
 // The estimator, told the picture is encoded, estimates from its light: the
 // decoded picture's own estimate, to the bit; unknown words are refused.
 TEST(RestoreInLight, TheEstimatorDecodesToo) {
-  const deconv::Image picture = blurred(camera_crop(140, 60, 240, 200), deconv::draw_psf("motion:7,30"));
+  const deconv::Image picture = blurred(camera_crop(140, 60, 240, 200), deconv::draw_psf("motion:7,30"), 1);
   deconv::Image decoded = picture;
   srgb_decode(decoded.pixels.data(), decoded.pixels.size());
   deconv::EstimateOptions options;
@@ -181,7 +174,7 @@ TEST(Highlights, AClippedLampDoesNotRing) {
     for (int x = 0; x < truth.width; ++x)
       truth.at(x, y) = std::hypot(x - cx, y - cy) < 4 ? 8.0f : truth.at(x, y) * 0.6f;
   const deconv::Image psf = deconv::draw_psf("gaussian:2");
-  deconv::Image data = blurred(truth, psf);
+  deconv::Image data = blurred(truth, psf, 1);
   for (float& v : data.pixels) v = std::min(v, 1.0f);
   deconv::RestoreOptions options;
   options.method = "richardson-lucy", options.iterations = 40, options.workers = 2;
@@ -215,7 +208,7 @@ TEST(RestoreInLight, StopsNearTheBestIterationOnAPhotograph) {
   srgb_decode(light.pixels.data(), light.pixels.size());
   for (float& v : light.pixels) v *= 0.7f;
   const deconv::Image psf = deconv::draw_psf("gaussian:2");
-  deconv::Image stored = blurred(light, psf), truth = light;
+  deconv::Image stored = blurred(light, psf, 1), truth = light;
   std::mt19937 rng(3);
   for (float& v : stored.pixels)
     v = std::round(srgb_encode(std::min(1.0f, std::poisson_distribution<int>(v * 3000)(rng) / 3000.0f)) * 255) / 255;

@@ -193,44 +193,4 @@ TEST_F(Runs, PicturesThatEndTheProcessLeaveTheOutputAlone) {
   EXPECT_EQ(load(dir / "black.pnm").max(), 0);
 }
 
-// A sample of bench/photographs_bench.cpp, through the binary: sizes even,
-// odd and prime, grey and colour, no regularisation, a PSF of colour planes.
-TEST_F(Runs, PhotographsComeBackCloserToTheSharpOriginal) {
-  CImg<float> colour_psf(7, 7, 1, 3);
-  for (int c = 0; c < 3; ++c) colour_psf.get_shared_channel(c) = gaussian(7, 1.2f);
-  struct {
-    int w, h;
-    bool grey;
-    CImg<float> psf;
-    int strength, max_shift;
-    double gain_db;
-  } cases[] = {{96, 80, false, CImg<float>(1, 1, 1, 1, 255), 10, 1, -3},  // nothing to undo
-               {160, 128, false, gaussian(9, 1.6f), 10, 2, 1.5},
-               {127, 113, true, CImg<float>(9, 1, 1, 1, 255), 10, 2, 2},  // linear motion
-               // No regularisation, a plain inverse filter: for a PSF with |H| >= 1/9.
-               {128, 128, true, CImg<float>(3, 3, 1, 1, 1.0, 4.0, 1.0, 4.0, 16.0, 4.0, 1.0, 4.0, 1.0), 0, 2, 0.5},
-               {160, 160, false, colour_psf, 10, 8, 1}};  // the first plane sums to 1/3: centring overshoots
-  const CImg<float> photo = load(std::string(DECONV_TESTDATA) + "/astronaut.png");
-  for (const auto& c : cases) {
-    CImg<float> sharp = photo.get_crop(60, 40, 59 + c.w, 39 + c.h);
-    if (c.grey) sharp = (sharp.get_channel(0) + sharp.get_channel(1) + sharp.get_channel(2)) / 3;
-    // Blurred as a lens blurs a larger scene: the picture's edge repeats outward.
-    sharp.get_convolve(c.psf.get_channel(0) / c.psf.get_channel(0).sum(), 1).round().save_pnm((dir / "blurred.pnm").c_str());
-    c.psf.save_pnm((dir / "psf.pnm").c_str());
-    ASSERT_EQ(dir.run("blurred.pnm psf.pnm restored.pnm 2 95 " + std::to_string(c.strength)).first, 0);
-    // The 1 x 1 PSF's "blurred" copy is exact, at infinite PSNR.
-    const double before = std::min(45.0, interior_psnr(load(dir / "blurred.pnm"), sharp, 16, c.max_shift));
-    const double after = interior_psnr(load(dir / "restored.pnm"), sharp, 16, c.max_shift);
-    std::printf("%dx%d: blurred %.2f dB, restored %.2f dB\n", c.w, c.h, before, after);
-    EXPECT_GT(after, before + c.gain_db) << c.w << "x" << c.h;
-  }
-  // The derivative jobs add into S in the order they finish: a float's last
-  // bit, and so a byte by one, may differ between worker counts.
-  dir.run("blurred.pnm psf.pnm first.pnm 1");
-  for (const char* workers : {"2", "3", "8"}) {
-    dir.run(std::string("blurred.pnm psf.pnm out.pnm ") + workers);
-    EXPECT_LE((load(dir / "out.pnm") - load(dir / "first.pnm")).abs().max(), 1) << workers;
-  }
-}
-
 }  // namespace

@@ -6,10 +6,9 @@
 
 #include <sstream>
 
-#include "bench/estimate_cases.h"
 #include "picture/format_details.h"
 #include "picture/picture_file.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 // Test names carry a depth as a word (gtest finds this by the enum's namespace).
 static void PrintTo(const SampleDepth depth, std::ostream* out) {
@@ -22,9 +21,7 @@ const std::string restore_binary = DECONV_RESTORE_BINARY;
 
 class RestoredFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    photo = estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/coffee.png", 200, 100, 96, 64, false);
-  }
+  void SetUp() override { photo = testdata_crop("coffee.png", 200, 100, 96, 64); }
   int restore(const std::string& args) {
     return shell("cd '" + dir.path + "' && " + restore_binary + " --psf gaussian:1 --strength 10 " + args).first;
   }
@@ -98,9 +95,7 @@ TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
   PictureFile camera;
   camera.header.attribute("Make", "Acme");  // a string the FITS writer would garble
   write_picture(dir / "camera.jpg", photo, SampleDepth::u8, &camera);
-  write_picture(dir / "grey.png",
-                estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 0, 0, 37, 29, true),
-                SampleDepth::u16);
+  write_picture(dir / "grey.png", testdata_crop("camera.png", 0, 0, 37, 29, true), SampleDepth::u16);
   const struct {
     const char* args;
     const char* shape;

@@ -5,31 +5,14 @@
 
 #include <cmath>
 
-#include "bench/estimate_cases.h"
 #include "picture/picture_file.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 namespace {
 
 using ::testing::HasSubstr;
 
-deconv::Image camera(int w, int h) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/camera.png", 100, 60, w, h, true);
-}
-
-// A crop of the camera photograph blurred by `blur`, or `psf` centred on a
-// square of `side` lifted by `pedestal`: both as the library takes them.
-deconv::Image blurred_camera(int w, int h, const char* blur) {
-  const deconv::Image psf = deconv::draw_psf(blur), sharp = camera(w, h);
-  const CImg<float> kernel(psf.pixels.data(), psf.width, psf.height);
-  return estimate_eval::to_image(CImg<float>(sharp.pixels.data(), w, h).convolve(kernel / kernel.sum(), 3), 1);
-}
-
-deconv::Image on_a_background(const deconv::Image& psf, int side, float pedestal) {
-  CImg<float> framed(side, side, 1, 1, 0.0f);
-  framed.draw_image((side - psf.width) / 2, (side - psf.height) / 2, CImg<float>(psf.pixels.data(), psf.width, psf.height));
-  return estimate_eval::to_image(framed + pedestal, 1);
-}
+deconv::Image camera(int w, int h) { return testdata_crop("camera.png", 100, 60, w, h, true); }
 
 class Refusals : public ::testing::Test {
  protected:
@@ -39,9 +22,9 @@ class Refusals : public ::testing::Test {
     write_picture(dir / "holed.exr", holed, SampleDepth::f32);
     write_picture(dir / "wide.png", camera(300, 200), SampleDepth::u8);
     write_picture(dir / "sharp.png", camera(160, 160), SampleDepth::u8);
-    write_picture(dir / "blurred.png", blurred_camera(200, 200, "gaussian:2"), SampleDepth::u8);
+    write_picture(dir / "blurred.png", blurred(camera(200, 200), deconv::draw_psf("gaussian:2"), 3), SampleDepth::u8);
     // A star cut with its sky at 0.02 of its peak.
-    write_picture(dir / "star.exr", on_a_background(deconv::draw_psf("gaussian:2"), 31, 0.02f), SampleDepth::f32);
+    write_picture(dir / "star.exr", framed(deconv::draw_psf("gaussian:2"), 31, 0.02f), SampleDepth::f32);
   }
   std::pair<int, std::string> run(const std::string& args) const {
     return shell("cd '" + dir.path + "' && " DECONV_RESTORE_BINARY " " + args + " </dev/null");

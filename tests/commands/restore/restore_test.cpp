@@ -6,9 +6,8 @@
 
 #include <cmath>
 
-#include "bench/estimate_cases.h"
 #include "picture/picture_file.h"
-#include "tests/support.h"
+#include "tests/library_support.h"
 
 namespace {
 
@@ -20,10 +19,6 @@ std::pair<int, std::string> restore(const TempDir& dir, const std::string& args,
                                     const std::string& after = ":") {
   return shell("cd '" + dir.path + "' && unshare -rm sh -c '" + mounts + " " + restore_binary + " " + args +
                "; s=$?; " + after + "; exit $s'");
-}
-
-deconv::Image photo(const char* name, int x, int y, int w, int h, bool grey) {
-  return estimate_eval::photo_crop(std::string(DECONV_TESTDATA) + "/" + name, x, y, w, h, grey);
 }
 
 // An ICC profile with a header and no tags, which PNG's checks accept.
@@ -58,10 +53,10 @@ class Restore : public ::testing::Test {
 // 16 bits stay 16 (each sample within one step of the library's float), float
 // stays float to the bit, and 8 bits without alignment are deconv's pixels.
 TEST_F(Restore, EveryDepthKeepsItsRange) {
-  write_picture(dir / "grey16.png", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::u16);
-  write_picture(dir / "colour16.tif", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
-  write_picture(dir / "colour16.ppm", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
-  write_picture(dir / "float.tif", photo("camera.png", 100, 60, 120, 90, true), SampleDepth::f32);
+  write_picture(dir / "grey16.png", testdata_crop("camera.png", 100, 60, 120, 90, true), SampleDepth::u16);
+  write_picture(dir / "colour16.tif", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
+  write_picture(dir / "colour16.ppm", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
+  write_picture(dir / "float.tif", testdata_crop("camera.png", 100, 60, 120, 90, true), SampleDepth::f32);
   for (const char* name : {"grey16.png", "colour16.tif", "colour16.ppm", "float.tif"}) {
     ASSERT_EQ(restore(dir, std::string("--psf psf.png --strength 10 --workers 1 ") + name + " out-" + name).first, 0) << name;
     const PictureFile out = read_picture(dir / ("out-" + std::string(name)));
@@ -80,7 +75,7 @@ TEST_F(Restore, EveryDepthKeepsItsRange) {
     EXPECT_LE(worst, 1.0) << name;
   }
 
-  write_picture(dir / "colour8.png", photo("coffee.png", 200, 100, 100, 81, false), SampleDepth::u8);
+  write_picture(dir / "colour8.png", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u8);
   ASSERT_EQ(restore(dir, "--psf psf.png --depth 8 --no-align --exact --strength 10 colour8.png ours.png").first, 0);
   ASSERT_EQ(shell("cd " + dir.path + " && unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec " DECONV_BINARY
                   " colour8.png psf.png theirs.png 1 95 10'").first, 0);
@@ -94,7 +89,7 @@ std::string listing(const std::string& folder, const std::string& pattern = "") 
 // Eight runs at once, each as a lone run; one killed at work leaves nothing,
 // and the next is unharmed. All on the machine's own /dev/shm.
 TEST_F(Restore, RunsAtOnceNeitherMeetNorLeaveAnything) {
-  write_picture(dir / "in.png", photo("chelsea.png", 0, 0, 300, 200, false), SampleDepth::u8);
+  write_picture(dir / "in.png", testdata_crop("chelsea.png", 0, 0, 300, 200, false), SampleDepth::u8);
   const std::string run = restore_binary + " --psf psf.png --strength 10 --workers 1 in.png";
   // The library's names; the machine-wide ones come and go with other tests.
   const std::string shm = listing("/dev/shm", "^sem.deconv");
@@ -118,7 +113,7 @@ TEST_F(Restore, RunsAtOnceNeitherMeetNorLeaveAnything) {
 // it was.
 TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
   PictureFile tagged;
-  tagged.image = photo("coffee.png", 200, 100, 100, 81, false);
+  tagged.image = testdata_crop("coffee.png", 200, 100, 100, 81, false);
   const std::vector<unsigned char> profile = smallest_rgb_profile();
   tagged.header.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, (int)profile.size()), profile.data());
   write_picture(dir / "tagged.jpg", tagged.image, SampleDepth::u8, &tagged);
