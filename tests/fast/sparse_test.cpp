@@ -1,9 +1,6 @@
-// The sparse-prior restoration: its per-sample step finds the true minimiser
-// of each sample's problem, the whole reaches the minimiser of its objective
-// (with the data term only where there are data and the object free beyond
-// them), a sample of no weight has no say in the result, the border band of
-// a restored picture is restored as well as its middle, and the result is
-// the same bits for any number of threads.
+// The sparse-prior restoration: its per-sample step and the whole reach the
+// true minimisers, samples of no weight have no say, the border band is
+// restored as well as the middle, the same bits for any number of threads.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -15,8 +12,6 @@
 namespace {
 
 using namespace deconv;
-
-// --- the per-sample step -----------------------------------------------------
 
 double shrink_cost(double z, double t, double c, double alpha) {
   return c * std::pow(std::fabs(z), alpha) + (z - t) * (z - t) / 2;
@@ -40,9 +35,8 @@ double brute_shrink(double t, double c, double alpha) {
 
 class ShrinkTest : public testing::TestWithParam<double> {};
 
-// Over penalties from 1e-4 to 10 and gradients up to far beyond the table
-// (both signs), the step's cost is within float rounding of the least one,
-// and it lands on the same side of the jump.
+// Over penalties from 1e-4 to 10 and gradients far beyond the table, the
+// step's cost is within float rounding of the least, on the jump's right side.
 TEST_P(ShrinkTest, FindsTheLeastCostForEverySample) {
   const double alpha = GetParam();
   const fast::GradientShrink shrink(alpha);
@@ -61,8 +55,6 @@ TEST_P(ShrinkTest, FindsTheLeastCostForEverySample) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Exponents, ShrinkTest, testing::Values(0.5, 2.0 / 3.0, 0.8, 1.0, 1.5));
-
-// --- whole restorations -----------------------------------------------------
 
 struct Scene {
   std::vector<int> sizes, psf_sizes;
@@ -94,10 +86,9 @@ std::vector<float> gaussian(const std::vector<int>& psf_sizes, double sigma) {
   return psf;
 }
 
-// A scene of flat discs (spheres) of random levels over a ramp, `margin`
-// samples wider than the data along every axis; the data are its middle,
-// blurred (so the blur reaches in from beyond the data's borders), with
-// Gaussian noise.
+// Flat discs (spheres) of random levels over a ramp, wider than the data by
+// the PSF; the data are its middle blurred (the blur reaches in from beyond
+// the borders), with Gaussian noise.
 Scene scene(const std::vector<int>& sizes, const std::vector<int>& psf_sizes, double sigma, double noise,
             unsigned seed) {
   Scene s{sizes, psf_sizes, {}, gaussian(psf_sizes, sigma), {}};
@@ -153,8 +144,7 @@ std::vector<float> restore(const Scene& s, const fast::SparseOptions& options, i
   return object;
 }
 
-// Solves the square system a x = b (dense, double) by elimination with
-// partial pivoting.
+// a x = b by elimination with partial pivoting.
 std::vector<double> solve(std::vector<std::vector<double>> a, std::vector<double> b) {
   const size_t n = b.size();
   for (size_t k = 0; k < n; ++k) {
@@ -178,10 +168,9 @@ std::vector<double> solve(std::vector<std::vector<double>> a, std::vector<double
 }
 
 // With alpha 2 the objective is quadratic: its minimiser solves
-//   (K' W K + 2 lambda sum D' D) x = K' W y
-// over the object on the data's grid widened by the PSF's extent less one
-// (the sizes are chosen so that this is a fast size), its differences
-// periodic there. The iterations, carrying their multipliers, reach it.
+// (K' W K + 2 lambda sum D' D) x = K' W y over the data's grid widened by the
+// PSF less one (a fast size), its differences periodic there. The iterations,
+// carrying their multipliers, reach it; a fixed penalty stops short.
 TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
   Scene s = scene({10, 13}, {3, 3}, 0.8, 0.02, 7);
   std::mt19937 rng(3);
@@ -221,7 +210,6 @@ TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
   const std::vector<float> object = restore(s, options);
   for (int r = 0; r < 10; ++r)
     for (int c = 0; c < 13; ++c) EXPECT_NEAR(object[r * 13 + c], best[r * 15 + c], 2e-4) << r << ", " << c;
-  // Without the multipliers a fixed penalty stops short of it.
   options.multipliers = false;
   const std::vector<float> plain = restore(s, options);
   double off = 0;
@@ -230,8 +218,8 @@ TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
   EXPECT_GT(off, 1e-3);
 }
 
-// Samples of no weight (a clipped highlight) hold anything: the result is
-// the same bits, the automatic lambda included.
+// Samples of no weight (a clipped highlight) hold anything: the same bits,
+// the automatic lambda included; given all weights 1, the garbage shows.
 TEST(SparseRestore, SamplesOfNoWeightHaveNoSay) {
   for (const bool photons : {false, true}) {
     Scene s =
@@ -247,16 +235,14 @@ TEST(SparseRestore, SamplesOfNoWeightHaveNoSay) {
       if (!weights[i]) s.data[i] = 5.0f + (float)(i % 7);
     const std::vector<float> second = restore(s, options);
     EXPECT_EQ(0, std::memcmp(first.data(), second.data(), first.size() * sizeof(float))) << photons;
-    // Given all weights 1, the garbage shows.
     options.weights = nullptr;
     const std::vector<float> weighed = restore(s, options);
     EXPECT_GT(std::fabs(weighed[25 * 96 + 10] - first[25 * 96 + 10]), 1.0f);
   }
 }
 
-// A lamp forty times the full scale, clipped at 1 after the blur: held to
-// that level as a lower bound, the samples around it are restored without
-// the rings a fit to the clipped values leaves.
+// A lamp forty times the full scale, clipped after the blur: held to 1 as a
+// lower bound, its surroundings lose the rings a fit to the clipped values leaves.
 TEST(SparseRestore, ClippedSamplesBoundTheModelFromBelow) {
   Scene s = scene({48, 64}, {9, 9}, 1.5, 0.002, 5);
   const int ly = 24, lx = 32;
@@ -280,8 +266,7 @@ TEST(SparseRestore, ClippedSamplesBoundTheModelFromBelow) {
   EXPECT_GT(bounded[ly * 64 + lx], 1.5f);
 }
 
-// The PSNR against the truth of the samples within `band` of an edge, and
-// of the others.
+// The PSNR of the samples within `band` of an edge, and of the others.
 std::pair<double, double> band_and_interior(const std::vector<float>& x, const Scene& s, int band) {
   double e[2] = {0, 0}, n[2] = {0, 0};
   const int height = s.sizes[0], width = s.sizes[1];
@@ -293,10 +278,9 @@ std::pair<double, double> band_and_interior(const std::vector<float>& x, const S
   return {10 * std::log10(n[0] / e[0]), 10 * std::log10(n[1] / e[1])};
 }
 
-// The blur reaches in from beyond the data: a restoration that wrapped the
-// far border round, or fitted the model outside the data, would leave its
-// band streaked. Here the band is within 3 dB of the interior, and both
-// gain on the data.
+// A restoration that wrapped the far border round, or fitted the model
+// outside the data, would streak the band: here it is within 3 dB of the
+// interior, and both gain on the data.
 TEST(SparseRestore, RestoresTheBorderBandAsWellAsTheInterior) {
   for (const double noise : {0.0, 0.01}) {
     const Scene s = scene({80, 96}, {9, 9}, 1.6, noise, 5);
@@ -308,13 +292,11 @@ TEST(SparseRestore, RestoresTheBorderBandAsWellAsTheInterior) {
   }
 }
 
-// One thread or two (or three) give the same bits, on a picture of odd
-// sizes and on a volume; the volume's restoration gains on its data.
+// 1, 2 and 3 threads give the same bits on odd sizes and on a volume, which gains on its data.
 TEST(SparseRestore, SameBitsForAnyNumberOfThreads) {
   for (const Scene& s : {scene({37, 50}, {5, 7}, 1.0, 0.01, 2), scene({9, 20, 17}, {3, 5, 5}, 0.9, 0.01, 4)}) {
-    const std::vector<float> one = restore(s, {}, 1), two = restore(s, {}, 2), three = restore(s, {}, 3);
-    EXPECT_EQ(0, std::memcmp(one.data(), two.data(), one.size() * sizeof(float)));
-    EXPECT_EQ(0, std::memcmp(one.data(), three.data(), one.size() * sizeof(float)));
+    const std::vector<float> one = restore(s, {}, 1);
+    for (const int threads : {2, 3}) EXPECT_EQ(0, std::memcmp(one.data(), restore(s, {}, threads).data(), one.size() * 4));
     double restored = 0, blurred = 0;
     for (size_t i = 0; i < one.size(); ++i)
       restored += std::pow(one[i] - s.truth[i], 2), blurred += std::pow(s.data[i] - s.truth[i], 2);
@@ -322,8 +304,8 @@ TEST(SparseRestore, SameBitsForAnyNumberOfThreads) {
   }
 }
 
-// The noise's measure follows the noise added to a smooth picture, for a
-// line and a picture; even noise reads as even.
+// The noise's measure follows the noise added, on a line and a picture; even
+// noise reads as even.
 TEST(SparseRestore, MeasuresTheNoise) {
   for (const double noise : {0.005, 0.02}) {
     const Scene s = scene({128, 128}, {9, 9}, 2.0, noise, 9);

@@ -196,9 +196,6 @@ class StackFiles(unittest.TestCase):
     hyperstack or OME as tifffile writes them, a bead stack as a 3-D PSF, and
     writes every page back where tifffile finds them."""
 
-    def run_restore(self, *args):
-        return subprocess.run([RESTORE, "--workers", "1"] + list(args), capture_output=True, text=True)
-
     def test_stacks_through_the_command(self):
         import tifffile
         rng = np.random.default_rng(7)
@@ -207,37 +204,36 @@ class StackFiles(unittest.TestCase):
         bead = (np.exp(-(x * x + y * y) / 2.0 - z * z / 2.0) * 60000).astype(np.uint16)
         with tempfile.TemporaryDirectory() as work:
             path = lambda name: os.path.join(work, name)
+            restore = lambda *args: subprocess.run([RESTORE, "--workers", "1"] + [path(a) if a.endswith(".tif") or
+                                                   a.endswith(".png") else a for a in args], capture_output=True, text=True)
             tifffile.imwrite(path("plain.tif"), stack)
             tifffile.imwrite(path("bead.tif"), bead)
             tifffile.imwrite(path("hyper.tif"), np.stack([stack[:3], stack[1:4]], axis=1), imagej=True)
             tifffile.imwrite(path("ome.tif"), stack, ome=True, metadata={"axes": "ZYX"})
-            done = self.run_restore("--psf", path("bead.tif"), "--method", "richardson-lucy", "--iterations", "5",
-                                    "--depth", "float", "--save-psf", path("kept.tif"), path("plain.tif"),
-                                    path("volume.tif"))
+            with tifffile.TiffWriter(path("uneven.tif")) as uneven:
+                uneven.write(stack[0])
+                uneven.write(stack[1, :20])
+            done = restore("--psf", "bead.tif", "--method", "richardson-lucy", "--iterations", "5", "--depth", "float",
+                           "--save-psf", "kept.tif", "plain.tif", "volume.tif")
             self.assertEqual(done.returncode, 0, done.stderr)
             self.assertEqual(tifffile.imread(path("kept.tif")).shape, bead.shape)  # every plane of the PSF kept
-            expected = deconv.restore(stack, bead.astype(np.float32), method="richardson-lucy", iterations=5,
-                                      workers=1)
+            expected = deconv.restore(stack, bead.astype(np.float32), method="richardson-lucy", iterations=5, workers=1)
             np.testing.assert_array_equal(tifffile.imread(path("volume.tif")), expected)
             for source, shape in [("hyper.tif", (3, 2, 40, 48)), ("ome.tif", (5, 40, 48))]:
                 with self.subTest(source):
-                    done = self.run_restore("--psf", "gaussian:1", "--strength", "10", path(source), path("out.tif"))
+                    done = restore("--psf", "gaussian:1", "--strength", "10", source, "out.tif")
                     self.assertEqual(done.returncode, 0, done.stderr)
                     with tifffile.TiffFile(path("out.tif")) as written:
                         self.assertTrue(written.is_imagej)
                         self.assertEqual((written.asarray().shape, written.asarray().dtype), (shape, np.uint16))
-            with tifffile.TiffWriter(path("uneven.tif")) as uneven:
-                uneven.write(stack[0])
-                uneven.write(stack[1, :20])
-            for args, words in [([path("uneven.tif")], "its pages differ: page 2 is 48 x 20"),
-                                ([path("plain.tif"), path("refused.png")], "a stack of 5 planes is written as TIFF"),
-                                (["--psf", path("bead.tif"), path("plain.tif")], "richardson-lucy a 3-D one")]:
+            for psf, given, out, words in [("gaussian:1", "uneven.tif", "refused.tif", "its pages differ: page 2 is 48 x 20"),
+                                           ("gaussian:1", "plain.tif", "refused.png", "a stack of 5 planes is written as TIFF"),
+                                           ("bead.tif", "plain.tif", "refused.tif", "richardson-lucy a 3-D one")]:
                 with self.subTest(words):
-                    given = args if args[-1].endswith(".png") else args + [path("refused.tif")]
-                    done = self.run_restore(*(["--psf", "gaussian:1"] if "--psf" not in args else []), *given)
+                    done = restore("--psf", psf, given, out)
                     self.assertEqual(done.returncode, 11)
                     self.assertIn(words, done.stderr)
-                    self.assertFalse(os.path.exists(given[-1]))
+                    self.assertFalse(os.path.exists(path(out)))
 
 
 class Light(unittest.TestCase):
