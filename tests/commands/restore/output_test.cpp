@@ -1,7 +1,6 @@
-// What deconv-restore's files keep of their input: Exif orientation and
-// camera in PNG as in JPEG and TIFF, a JPEG's quality (or --quality), and FITS
-// files that astropy reads without a warning. Qualities are read back by
-// ImageMagick, which estimates them on its own.
+// What deconv-restore's files keep of their input: Exif in PNG, JPEG and
+// TIFF, a JPEG's quality (read back by ImageMagick's own estimate), and FITS
+// files that astropy reads without a warning.
 #include <gmock/gmock.h>
 
 #include <sstream>
@@ -9,11 +8,6 @@
 #include "picture/format_details.h"
 #include "picture/picture_file.h"
 #include "tests/library_support.h"
-
-// Test names carry a depth as a word (gtest finds this by the enum's namespace).
-static void PrintTo(const SampleDepth depth, std::ostream* out) {
-  *out << (depth == SampleDepth::u8 ? "8" : depth == SampleDepth::u16 ? "16" : "float");
-}
 
 namespace {
 
@@ -88,111 +82,84 @@ TEST(JpegQuality, ReadsWhatLibjpegWrote) {
   EXPECT_EQ(jpeg_quality({}), 0);
 }
 
+// `script` run by astropy's Python with warnings as errors, `path` its sys.argv[1].
+std::pair<int, std::string> astropy(const std::string& script, const std::string& path) {
+  return shell("/usr/bin/python3 -W error -c 'import sys\nimport numpy as np\nfrom astropy.io import fits\n" + script +
+               "' '" + path + "'");
+}
+
 // FITS files as astropy takes them: whole 2880-byte records, standard cards
-// and the picture's shape, with warnings as errors (where its samples stand
-// is FitsAgainstAstropy's).
+// and the picture's shape; an astronomer's cards go over to the restored file.
 TEST_F(RestoredFile, FitsIsReadByAstropyWithoutWarnings) {
   PictureFile camera;
   camera.header.attribute("Make", "Acme");  // a string the FITS writer would garble
   write_picture(dir / "camera.jpg", photo, SampleDepth::u8, &camera);
   write_picture(dir / "grey.png", testdata_crop("camera.png", 0, 0, 37, 29, true), SampleDepth::u16);
-  const struct {
-    const char* args;
-    const char* shape;
-  } cases[] = {{"camera.jpg out.fits", "(3, 64, 96)"},
-               {"grey.png grey.fits", "(29, 37)"},
-               {"--depth float grey.png float.fits", "(29, 37)"}};
-  for (const auto& c : cases) {
-    ASSERT_EQ(restore(c.args), 0) << c.args;
-    const std::string name = dir / std::string(c.args).substr(std::string(c.args).rfind(' ') + 1);
-    EXPECT_EQ(read_file(name).size() % 2880, 0u) << c.args;
-    const auto [status, said] = shell(
-        "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\nwith fits.open(sys.argv[1]) as f:\n"
-        "    f.verify(\"exception\"); h = f[0]; repr(h.header); print(h.data.shape)' '" + name + "'");
-    EXPECT_EQ(status, 0) << said;
-    EXPECT_EQ(said, std::string(c.shape) + "\n") << c.args;
+  ASSERT_EQ(astropy("h = fits.PrimaryHDU(np.random.default_rng(1).random((23, 31)).astype(np.float32))\n"
+                    "h.header[\"OBJECT\"] = \"M 31\"; h.header[\"OBSERVER\"] = \"O\\x27Neil\"; h.header[\"EXPTIME\"] = 30.5\n"
+                    "h.writeto(sys.argv[1])", dir / "sky.fits").first, 0);
+  for (const auto& [args, shape] : {std::pair{"camera.jpg out.fits", "(3, 64, 96)"}, {"grey.png grey.fits", "(29, 37)"},
+                                    {"--depth float grey.png float.fits", "(29, 37)"},
+                                    {"--depth float sky.fits sky-out.fits", "(23, 31) M 31 O'Neil 30.5"}}) {
+    ASSERT_EQ(restore(args), 0) << args;
+    const std::string name = dir / std::string(args).substr(std::string(args).rfind(' ') + 1);
+    EXPECT_EQ(read_file(name).size() % 2880, 0u) << args;
+    EXPECT_THAT(astropy("with fits.open(sys.argv[1]) as f:\n    f.verify(\"exception\"); h = f[0]; repr(h.header)\n"
+                        "    print(h.data.shape, *[h.header[k] for k in (\"OBJECT\", \"OBSERVER\", \"EXPTIME\") if k in h.header])",
+                        name),
+                ::testing::Pair(0, std::string(shape) + "\n"));
   }
-}
-
-}  // namespace
-
-// An astronomer's cards, numbers and names, go over to the restored file.
-TEST_F(RestoredFile, FitsKeepsItsHeaderCards) {
-  ASSERT_EQ(shell("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
-                  "h = fits.PrimaryHDU(np.random.default_rng(1).random((23, 31)).astype(np.float32))\n"
-                  "h.header[\"OBJECT\"] = \"M 31\"; h.header[\"OBSERVER\"] = \"O\\x27Neil\"; h.header[\"EXPTIME\"] = 30.5\n"
-                  "h.writeto(\"" + (dir / "sky.fits") + "\")'").first, 0);
-  ASSERT_EQ(restore("--depth float sky.fits out.fits"), 0);
-  const auto [status, said] = shell("/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\n"
-                                    "h = fits.getheader(sys.argv[1]); print(h[\"OBJECT\"], h[\"OBSERVER\"], h[\"EXPTIME\"])' '" +
-                                    (dir / "out.fits") + "'");
-  EXPECT_EQ(status, 0) << said;
-  EXPECT_EQ(said, "M 31 O'Neil 30.5\n");
 }
 
 // FITS against astropy sample by sample, both ways: the first row of the file
 // is the picture's bottom row, planes follow one another, and 16 bits carry
 // BZERO. A picture of 3 x 2 pixels and 2 planes, each sample its own value.
-class FitsAgainstAstropy : public ::testing::TestWithParam<SampleDepth> {};
-
-TEST_P(FitsAgainstAstropy, SamplesStandWhereAstropyPutsThem) {
+TEST(FitsAgainstAstropy, SamplesStandWhereAstropyPutsThem) {
   TempDir dir;
-  const float range = GetParam() == SampleDepth::u8 ? 255 : GetParam() == SampleDepth::u16 ? 65535 : 1;
-  deconv::Image image(3, 2, 2);
-  for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = (float)(10 * i + 5) / range;
-  write_picture(dir / "ours.fits", image, GetParam());
-  // astropy's data[c][row][x] with row 0 first in the file: the picture's bottom row.
-  const std::string python =
-      "/usr/bin/python3 -W error -c 'import sys\nfrom astropy.io import fits\n"
-      "with fits.open(sys.argv[1]) as f: print(\" \".join(str(float(v)) for v in "
-      "f[0].data[:, ::-1, :].flatten()))' ";
-  const auto [status, said] = shell(python + "'" + (dir / "ours.fits") + "'");
-  ASSERT_EQ(status, 0) << said;
-  std::istringstream values(said);
-  for (size_t i = 0; i < image.pixels.size(); ++i) {
-    double v = -1;
-    values >> v;
-    EXPECT_NEAR(v, 10 * i + 5, 1e-3) << i;
+  for (const auto& [depth, range, type] : {std::tuple{SampleDepth::u8, 255.0f, "uint8"}, {SampleDepth::u16, 65535.0f, "uint16"},
+                                           {SampleDepth::f32, 1.0f, "float32"}}) {
+    SCOPED_TRACE(type);
+    deconv::Image image(3, 2, 2);
+    for (size_t i = 0; i < image.pixels.size(); ++i) image.pixels[i] = (float)(10 * i + 5) / range;
+    write_picture(dir / "ours.fits", image, depth);
+    // astropy's data[c][row][x] with row 0 first in the file: the picture's bottom row.
+    const auto [status, said] = astropy("with fits.open(sys.argv[1]) as f: print(\" \".join(str(float(v)) for v in "
+                                        "f[0].data[:, ::-1, :].flatten()))", dir / "ours.fits");
+    ASSERT_EQ(status, 0) << said;
+    std::istringstream values(said);
+    for (size_t i = 0; i < image.pixels.size(); ++i) {
+      double v = -1;
+      values >> v;
+      EXPECT_NEAR(v, 10 * i + 5, 1e-3) << i;
+    }
+    // astropy's file of the same samples, read back here.
+    ASSERT_EQ(astropy("d = (np.arange(12) * 10 + 5).astype(np.float64).reshape(2, 2, 3)[:, ::-1, :]\n"
+                      "fits.PrimaryHDU(d.astype(np." + std::string(type) + ")).writeto(sys.argv[1], overwrite=True)",
+                      dir / "theirs.fits").first, 0);
+    const PictureFile theirs = read_picture(dir / "theirs.fits");
+    EXPECT_EQ(theirs.depth, depth);
+    for (size_t i = 0; i < image.pixels.size(); ++i) EXPECT_NEAR(theirs.image.pixels[i] * range, 10 * i + 5, 1e-3) << i;
   }
-  // astropy's file of the same samples, read back here.
-  const char* const type = GetParam() == SampleDepth::u8    ? "uint8"
-                           : GetParam() == SampleDepth::u16 ? "uint16"
-                                                            : "float32";
-  ASSERT_EQ(shell("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
-                  "d = (np.arange(12) * 10 + 5).astype(np.float64).reshape(2, 2, 3)[:, ::-1, :]\n"
-                  "fits.PrimaryHDU(d.astype(np." +
-                  std::string(type) + ")).writeto(\"" + (dir / "theirs.fits") + "\")'")
-                .first,
-            0);
-  const PictureFile theirs = read_picture(dir / "theirs.fits");
-  EXPECT_EQ(theirs.depth, GetParam());
-  for (size_t i = 0; i < image.pixels.size(); ++i) EXPECT_NEAR(theirs.image.pixels[i] * range, 10 * i + 5, 1e-3) << i;
 }
-
-INSTANTIATE_TEST_SUITE_P(Depths, FitsAgainstAstropy,
-                         ::testing::Values(SampleDepth::u8, SampleDepth::u16, SampleDepth::f32));
 
 // Files as observatories write them, through astropy: other sample types,
 // scaled integers, the image in an extension behind an empty primary array,
 // and a tile-compressed one; odd sizes. Each reads back as its values.
 TEST(FitsFromAstropy, EveryLayoutReadsAsItsValues) {
   TempDir dir;
-  const char* const layouts[] = {
-      "fits.PrimaryHDU(d.astype(np.float64))",
-      "fits.PrimaryHDU(((d - 10) * 2).astype(np.int32)); h.header[\"BSCALE\"] = 0.5; h.header[\"BZERO\"] = 10",
-      "fits.HDUList([fits.PrimaryHDU(), fits.ImageHDU(d.astype(np.float32))])",
-      "fits.HDUList([fits.PrimaryHDU(), fits.CompImageHDU(d.astype(np.int16))])"};
-  for (const char* layout : layouts) {
+  for (const char* layout : {"fits.PrimaryHDU(d.astype(np.float64))",
+                             "fits.PrimaryHDU(((d - 10) * 2).astype(np.int32)); h.header[\"BSCALE\"] = 0.5; h.header[\"BZERO\"] = 10",
+                             "fits.HDUList([fits.PrimaryHDU(), fits.ImageHDU(d.astype(np.float32))])",
+                             "fits.HDUList([fits.PrimaryHDU(), fits.CompImageHDU(d.astype(np.int16))])"}) {
     // Samples 0..3192 over 37 x 29 pixels, row r of the picture at the file's row 28 - r.
-    const std::string make = std::string("/usr/bin/python3 -W error -c 'import numpy as np\nfrom astropy.io import fits\n"
-                                         "d = (np.arange(29 * 37) * 3 % 3193).astype(np.float64).reshape(29, 37)[::-1]\n"
-                                         "h = ") + layout + "\nh.writeto(\"" + (dir / "sky.fits") + "\", overwrite=True)'";
-    ASSERT_EQ(shell(make).first, 0) << layout;
+    ASSERT_EQ(astropy(std::string("d = (np.arange(29 * 37) * 3 % 3193).astype(np.float64).reshape(29, 37)[::-1]\nh = ") +
+                      layout + "\nh.writeto(sys.argv[1], overwrite=True)", dir / "sky.fits").first, 0) << layout;
     const PictureFile sky = read_picture(dir / "sky.fits");
-    ASSERT_EQ(sky.image.width, 37) << layout;
-    ASSERT_EQ(sky.image.height, 29) << layout;
+    ASSERT_TRUE(sky.image.width == 37 && sky.image.height == 29) << layout;
     EXPECT_EQ(sky.depth, SampleDepth::f32) << layout;
     for (size_t i = 0; i < sky.image.pixels.size(); i += 7)
       ASSERT_NEAR(sky.image.pixels[i], (double)(i * 3 % 3193), 1e-3) << layout << " at " << i;
   }
 }
+
+}  // namespace
