@@ -1,7 +1,6 @@
-// What every command shows of itself: --help and --version on stdout with
-// status 0, and a picture it cannot read (cut short, empty, a folder, a header
-// claiming more than the machine's memory) as one line on stderr that names
-// the file and says what is wrong with it, with status 11.
+// What every command shows of itself: --help and --version on stdout, and a
+// picture it cannot read (cut short, empty, a folder, a header claiming more
+// than the machine's memory) as one line on stderr naming the file and why, status 11.
 #include <gmock/gmock.h>
 
 #include <tuple>
@@ -19,7 +18,6 @@ struct Command {
   const char* read_args;  // how it reads a picture named FILE; null for those that read none
 };
 
-// Test names carry the parameter as gtest prints it: a name, not its bytes.
 void PrintTo(const Command& command, std::ostream* out) { *out << command.name; }
 
 const Command commands[] = {
@@ -68,7 +66,6 @@ TEST_P(EveryCommand, HelpVersionAndABadCommandLine) {
 INSTANTIATE_TEST_SUITE_P(Commands, EveryCommand, ::testing::ValuesIn(commands),
                          [](const auto& info) { return std::string(info.param.name).substr(7); });
 
-// PNG's CRC of a chunk's type and data.
 uint32_t crc32(const std::string& bytes) {
   uint32_t crc = 0xFFFFFFFFu;
   for (const unsigned char b : bytes) {
@@ -80,7 +77,7 @@ uint32_t crc32(const std::string& bytes) {
 
 std::string big_endian(const uint32_t v) { return {(char)(v >> 24), (char)(v >> 16), (char)(v >> 8), (char)v}; }
 
-std::string png_chunk(const std::string& type, const std::string& data) {
+std::string png_chunk(const std::string& type, const std::string& data) {  // its CRC as PNG's readers check it
   return big_endian((uint32_t)data.size()) + type + data + big_endian(crc32(type + data));
 }
 

@@ -1,7 +1,5 @@
-// restore() with method "sparse": the channels and a stack's planes are
-// restored each on its own, a strength weighs the prior, tiles under a
-// memory budget give the untiled result away from the picture's borders,
-// and what the method cannot do is refused.
+// restore() with method "sparse": channels and planes each on its own, a
+// strength, tiles, and what the method cannot do.
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -32,9 +30,8 @@ bool same_bits(const deconv::Image& a, const deconv::Image& b) {
   return a.pixels.size() == b.pixels.size() && !std::memcmp(a.pixels.data(), b.pixels.data(), a.pixels.size() * 4);
 }
 
-// A colour picture's channels, and a stack's planes under a 2-D PSF, come
-// out as each restored alone (the prior's weight each its own), and the
-// stack's restoration says it went plane by plane.
+// A colour picture's channels, and a stack's planes under a 2-D PSF, come out
+// as each restored alone (the prior's weight each its own); a heavier given strength smooths more.
 TEST(SparseMethod, RestoresChannelsAndPlanesEachOnItsOwn) {
   const deconv::Image colour = testdata_crop("astronaut.png", 120, 80, 64, 48);
   const deconv::Image psf = deconv::draw_psf("gaussian:1.5");
@@ -51,7 +48,6 @@ TEST(SparseMethod, RestoresChannelsAndPlanesEachOnItsOwn) {
     EXPECT_TRUE(same_bits(alone, plane(planes, c))) << "plane " << c;
   }
   EXPECT_THAT(notices, testing::ElementsAre(HasSubstr("each of the stack's 3 planes")));
-  // A given strength sets the prior: a heavier one smooths more.
   const auto roughness = [](const deconv::Image& image) {
     double sum = 0;
     for (size_t i = 1; i < image.pixels.size(); ++i) sum += std::fabs(image.pixels[i] - image.pixels[i - 1]);
@@ -63,8 +59,7 @@ TEST(SparseMethod, RestoresChannelsAndPlanesEachOnItsOwn) {
 
 // Tiles restore nearly what the whole does: the prior is not convex and its
 // few steps reach far, so a few samples in a thousand differ by more than a
-// hundredth of the range (one or two in a hundred by more than a
-// thousandth, at 4 and at 8 PSF extents of overlap alike), none by a tenth.
+// hundredth of the range (at 4 and at 8 PSF extents of overlap alike), none by a tenth.
 TEST(SparseMethod, TilesGiveTheWholesResult) {
   const deconv::Image grey = testdata_crop("camera.png", 60, 40, 320, 240, true);
   const deconv::Image psf = deconv::draw_psf("gaussian:1.2");

@@ -1,9 +1,6 @@
 """The Python module against deconv-restore on the same files, its reading of
-numpy's types and layouts, and its errors. Calls at once in threads are
-library_test's EnginesRunAtOnceWithoutMeeting, and the Dask case's here.
-
-Runs with the module's folder on PYTHONPATH, DECONV_RESTORE naming the
-command and DECONV_TESTDATA the photographs (tests/CMakeLists.txt sets them)."""
+numpy's types and layouts, and its errors; tests/CMakeLists.txt sets
+PYTHONPATH, DECONV_RESTORE (the command) and DECONV_TESTDATA (the photographs)."""
 import os
 import subprocess
 import tempfile
@@ -20,8 +17,7 @@ TESTDATA = os.environ["DECONV_TESTDATA"]
 
 
 def picture(shape, seed=1):
-    """A part of a photograph, in 0..1, grey when `shape` is 2-D; `seed`
-    picks the part."""
+    """A part of a photograph that `seed` picks, in 0..1, grey when `shape` is 2-D."""
     photo = read_floats(os.path.join(TESTDATA, "astronaut.png"))
     top, left = 40 * seed, 30 * seed
     part = photo[top:top + 2 * shape[0]:2, left:left + 2 * shape[1]:2, :shape[2] if len(shape) == 3 else 3]
@@ -67,6 +63,7 @@ class Reading(unittest.TestCase):
     def test_types_and_layouts(self):
         psf = deconv.draw_psf("gaussian:1.5")
         unit = picture((32, 40, 3), seed=2)
+        counts = np.round(unit * 1000)
         cases = {
             "int16 by 32767": ((unit * 32767).astype(np.int16), (unit * 32767).astype(np.int16) / np.float32(32767)),
             "bool as 0 and 1": (unit > 0.5, (unit > 0.5).astype(np.float32)),
@@ -74,13 +71,10 @@ class Reading(unittest.TestCase):
             "flipped view": (unit[::-1, ::-1], np.ascontiguousarray(unit[::-1, ::-1])),
             "channels last of a transpose": (unit.transpose(1, 0, 2), np.ascontiguousarray(unit.transpose(1, 0, 2))),
             "one channel of three dimensions": (unit[..., :1], unit[..., :1]),
-        }
-        counts = np.round(unit * 1000)
-        cases.update({
             "int64 as counts": (counts.astype(np.int64), counts),
             "int32 as counts, negatives too": ((counts - 500).astype(np.int32), counts - 500),
             "uint32 as counts": (counts.astype(np.uint32), counts),
-        })
+        }
         for name, (given, same) in cases.items():
             with self.subTest(name):
                 result = deconv.restore(given, psf, strength=10, workers=1)
@@ -103,8 +97,9 @@ class Reading(unittest.TestCase):
         np.testing.assert_array_equal(deconv.restore(blurred, psf, compressed=True, workers=1, method="wiener"),
                                       deconv.restore(blurred, psf, strength=jpeg, workers=1))
 
+
 class Estimation(unittest.TestCase):
-    def test_a_motion_comes_back_and_a_flat_picture_is_refused(self):
+    def test_a_motion_comes_back(self):
         psf = deconv.draw_psf("motion:9,0")  # horizontal: its middle row
         taps, half, sharp = psf[len(psf) // 2], len(psf) // 2, picture((256, 256))
         blurred = sum(np.roll(sharp, dx, axis=1) * w for dx, w in zip(range(-half, half + 1), taps)) / taps.sum()
@@ -112,8 +107,6 @@ class Estimation(unittest.TestCase):
         self.assertEqual((description.split()[0], estimate.shape[0] % 2, estimate.max()), ("kernel", 1, 1))
         spread = [(s > 0.1 * s.max()).sum() for s in (estimate.sum(axis=0), estimate.sum(axis=1))]
         self.assertGreater(spread[0], 2 * spread[1])  # wide along x, narrow along y
-        with self.assertRaises(deconv.Error):
-            deconv.estimate_psf(np.full((200, 200), 0.5, np.float32))
 
 
 class Stacks(unittest.TestCase):
@@ -140,13 +133,10 @@ class Stacks(unittest.TestCase):
                 call()
             self.assertIn(words, str(raised.exception))
 
-
-    def test_a_drawn_widefield_psf_is_a_volume_as_its_text(self):
+    def test_a_drawn_widefield_psf_is_a_volume_as_its_text(self):  # its shape is widefield_test's
         text = "widefield:1.2,520,1.33,200,400,7"
         psf = deconv.draw_psf(text)
-        self.assertEqual((psf.ndim, psf.shape[0], psf.shape[1], psf.dtype), (3, 7, psf.shape[2], np.float32))
-        mid = psf.shape[1] // 2
-        self.assertEqual((psf.max(), psf[3, mid, mid]), (1, 1))
+        self.assertEqual((psf.shape[0], psf.dtype), (7, np.float32))
         stack = np.random.default_rng(2).poisson(30, (12, 40, 40)).astype(np.float32)
         rl = dict(method="richardson-lucy", iterations=3, workers=1)
         np.testing.assert_array_equal(deconv.restore(stack, text, **rl), deconv.restore(stack, psf, **rl))
@@ -154,9 +144,8 @@ class Stacks(unittest.TestCase):
 
 class Dask(unittest.TestCase):
     """restore() as dask's block function on a distributed cluster: blocks
-    with their overlap restore as the whole volume, blocks travel to the
-    workers and back as plain numpy arrays, and the workers' threads run at
-    once (the GIL is released inside)."""
+    with their overlap restore as the whole, travelling as numpy arrays, the
+    workers' threads at once (the GIL is released inside)."""
 
     def test_map_overlap_on_a_cluster(self):
         import pickle
@@ -171,8 +160,7 @@ class Dask(unittest.TestCase):
         kernel = np.roll(np.pad(psf / psf.sum(), [(0, s - 7) for s in obj.shape]), (-3, -3, -3), (0, 1, 2))
         blurred = np.real(np.fft.ifftn(np.fft.fftn(obj) * np.fft.fftn(kernel)))
         volume = rng.poisson(np.maximum(blurred, 0) + 5).astype(np.float32)
-        # Fixed iterations without extrapolation: the same operator on every
-        # block. Its reach after 15 iterations is well inside two PSFs.
+        # Without extrapolation the same operator on every block; 15 iterations reach well inside two PSFs.
         kwargs = dict(method="richardson-lucy", iterations=15, accelerate=False, workers=1)
         whole = deconv.restore(volume, psf, **kwargs)
         self.assertIs(pickle.loads(pickle.dumps(deconv.restore)), deconv.restore)

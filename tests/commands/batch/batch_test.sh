@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
 # deconv-batch as users run it, one case per call: batch_test.sh BUILD CASE.
-# Every result is compared byte for byte with a run of deconv alone on the
-# same crop of a photograph. Exit 77 skips a case this machine cannot run.
+# Every result is compared byte for byte with a run alone; 77 skips a case.
 set -euo pipefail
 build=$1 case=$2
 data=$(cd "$(dirname "$0")/../../.." && pwd)/.cache/testdata
@@ -25,8 +24,8 @@ batch() {
   "$build/deconv-batch" "$@" 2>err || status=$?
 }
 
-# N pictures pic-1 ... with a space or a letter beyond ASCII in some names,
-# the PSF, the reference results ref-N.ppm, and a manifest of them all.
+# N pictures pic-1 ... (a space or a letter beyond ASCII in some names), the
+# PSF, the reference results ref-N.ppm, and a manifest of them all.
 names=()
 make_pictures() {
   "$build/deconv-psf" gaussian 1.5 psf.png
@@ -51,8 +50,7 @@ same_as_reference() {  # every output is there and complete; with "partial", eve
   done
 }
 
-# deconv's semaphore names are the machine's: reference runs have a /dev/shm
-# of their own, and so do the batch's runs but where namespaces are refused.
+# deconv's semaphore names are the machine's: reference runs have a /dev/shm of their own.
 alone() {
   unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec "$@"' sh "$@"
 }
@@ -87,8 +85,7 @@ case_failures() {
   grep -q "^deconv-batch: line 6: status 11: " err || fail "$(cat err)"
   [ ! -e out/missing.ppm ] && [ ! -e out/bad.ppm ] || fail "a failed picture has an output"
   same_as_reference
-  # A run that fails once is tried again (a deconv beside the batch that fails
-  # the first time for each picture).
+  # A run that fails once is tried again (a deconv that fails each picture's first time).
   mkdir flaky && cp "$build/deconv-batch" flaky/
   printf '#!/bin/sh
 [ -e "%s/tried.$(basename "$1")" ] || { touch "%s/tried.$(basename "$1")"; exit 11; }
@@ -178,9 +175,8 @@ case_auto_strength() {
   [ $listed = 4 ] || fail "$(cat err)"
 }
 
-# Outputs on a disk that fills up: deconv says 0 for outputs empty or cut
-# short, the batch counts them failed and leaves no such file under an
-# output's name.
+# A disk that fills up: deconv says 0 for outputs cut short, the batch counts
+# them failed and leaves no such file under an output's name.
 case_full_disk() {
   make_pictures 6
   mkdir out full
@@ -198,8 +194,7 @@ case_full_disk() {
 }
 
 # A picture that makes deconv run for ever, among good ones: the batch ends at
-# its time limit, the good ones restored; killed from outside (SIGTERM), it
-# stops the run at once and leaves nothing behind.
+# its time limit; killed from outside, it stops at once and leaves nothing.
 case_hang() {
   make_pictures 3
   "$build/deconv-psf" gaussian 2 wide-psf.png
@@ -231,8 +226,7 @@ case_reasons() {
     grep -qx "deconv-batch: line 2: not run: host nosuchhost.invalid unreachable" err || fail "$(cat err)"
 }
 
-# deconv-restore's own options, and blurs by their numbers, through the batch;
-# each result is what deconv-restore makes alone.
+# deconv-restore's own options and blurs by their numbers, as deconv-restore makes them alone.
 case_restore() {
   [ -x "$build/deconv-restore" ] || exit 77
   make_pictures 2
@@ -250,8 +244,7 @@ case_restore() {
   cmp -s out/pic-2.ppm expected-2.ppm || fail "richardson-lucy differs from deconv-restore alone"
 }
 
-# A PSF of auto: estimated by deconv-estimate, then the picture restored with
-# it; a picture it refuses is a failure with its words.
+# A PSF of auto is deconv-estimate's; a picture it refuses fails with its words.
 case_estimated_psf() {
   [ -x "$build/deconv-estimate" ] || exit 77
   convert "$data/astronaut.png" -crop 200x200+100+60 +repage -blur 0x1.5 pic-1.png  # room for a blur of 41
@@ -264,10 +257,8 @@ case_estimated_psf() {
   cmp -s out/estimated.ppm expected.ppm || fail "differs from deconv with deconv-estimate's PSF"
 }
 
-# --save-psf: the PSF each picture was restored with, drawn or estimated,
-# kept under its output's name as deconv-restore keeps it; a result no sharper than its picture (a sharp
-# picture, a blur far smaller than its own, the strongest regularisation) is
-# restored, counted in the summary and named.
+# --save-psf keeps each picture's PSF, drawn or estimated, as deconv-restore
+# does; a result no sharper than its picture is restored, counted and named.
 case_kept_psf() {
   [ -x "$build/deconv-restore" ] || exit 77
   make_pictures 1
@@ -284,9 +275,8 @@ case_kept_psf() {
     fail "the kept PSFs differ from deconv-restore's: $(ls kept)"
 }
 
-# A picture that cannot be read fails with the reader's reason, not with the
-# last line its run printed (libpng's "PNG library error", deconv's "General
-# exception"), for deconv-restore and for deconv alike.
+# An unreadable picture fails with the reader's reason, not the run's last
+# line ("PNG library error", "General exception"), for deconv-restore and deconv.
 case_reader_reasons() {
   "$build/deconv-psf" gaussian 1.5 psf.png
   head -c 3000 "$data/astronaut.png" >cut.png
@@ -295,12 +285,12 @@ case_reader_reasons() {
   printf 'cut.png\tpsf.png\tout/1.png\nempty.png\tpsf.png\tout/2.png\nfolder.png\tpsf.png\tout/3.png\n' >manifest
   batch --restore manifest
   [ $status = 1 ] || fail "status $status: $(cat err)"
-  grep -qx "deconv-batch: line 1: status 11: deconv-restore: cannot read $dir/cut.png: the file is cut short" err &&
-    grep -qx "deconv-batch: line 2: status 11: deconv-restore: cannot read $dir/empty.png: an empty file" err &&
-    grep -qx "deconv-batch: line 3: status 11: deconv-restore: cannot read $dir/folder.png: a directory, not a picture" err ||
-    fail "$(cat err)"
-  rm -f manifest.joblog
-  batch manifest
+  for reason in "1: status 11: deconv-restore: cannot read $dir/cut.png: the file is cut short" \
+    "2: status 11: deconv-restore: cannot read $dir/empty.png: an empty file" \
+    "3: status 11: deconv-restore: cannot read $dir/folder.png: a directory, not a picture"; do
+    grep -qx "deconv-batch: line $reason" err || fail "$(cat err)"
+  done
+  rm -f manifest.joblog && batch manifest
   [ $status = 1 ] && [ "$(grep -c '^deconv-batch: line [123]: status 11: .*\(convert\|gm\).*\(cut\|empty\|folder\)\.png' err)" = 3 ] &&
     ! grep -q 'General exception' err || fail "$(cat err)"
 }

@@ -1,6 +1,5 @@
-// deconv-restore on input it must refuse or repair, the PSF it keeps, and its
-// warning of a result no sharper than its picture: one line each, naming the
-// file, and nothing written on a refusal.
+// deconv-restore's refusals and repairs, the PSF it keeps, its warning of a
+// result no sharper than its picture: one line each, naming the file.
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -23,7 +22,6 @@ class Refusals : public ::testing::Test {
     write_picture(dir / "wide.png", camera(300, 200), SampleDepth::u8);
     write_picture(dir / "sharp.png", camera(160, 160), SampleDepth::u8);
     write_picture(dir / "blurred.png", blurred(camera(200, 200), deconv::draw_psf("gaussian:2"), 3), SampleDepth::u8);
-    // A star cut with its sky at 0.02 of its peak.
     write_picture(dir / "star.exr", framed(deconv::draw_psf("gaussian:2"), 31, 0.02f), SampleDepth::f32);
   }
   std::pair<int, std::string> run(const std::string& args) const {
@@ -34,53 +32,39 @@ class Refusals : public ::testing::Test {
 };
 
 TEST_F(Refusals, OneLineNamingTheFileAndNothingWritten) {
-  const struct {
-    const char* args;
-    int status;
-    const char* says;  // the only line on stderr
-  } cases[] = {
-      {"--psf disk:2 --save-psf kept.png holed.exr out.exr", 11,
-       "deconv-restore: holed.exr: cannot restore: the picture holds 1 samples that are not finite (NaN or infinite), "
-       "the first at x 30, y 20, channel 0"},
-      {"--psf box:301,301 wide.png out.png", 11,
-       "deconv-restore: wide.png: cannot restore: the PSF (303 x 303) is larger than the picture (300 x 200)"},
-      {"--psf star.exr sharp.png out.png", 11,
-       "deconv-restore: sharp.png: cannot restore: the PSF stands on a background"},
-      {"--psf disk:2 --strength auto holed.exr out.exr", 11,
-       "deconv-restore: holed.exr: cannot restore: the picture holds 1"},
-  };
-  for (const auto& c : cases) {
-    const auto [status, text] = run(c.args);
-    EXPECT_EQ(status, c.status) << c.args;
-    EXPECT_EQ(text.rfind(c.says, 0), 0u) << c.args << ": " << text;
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << c.args << ": " << text;
-    EXPECT_FALSE(written("out.exr") || written("out.png") || written("kept.png")) << c.args;
+  for (const auto& [args, says] : {
+           std::pair{"--psf disk:2 --save-psf kept.png holed.exr out.exr",
+                     "holed.exr: cannot restore: the picture holds 1 samples that are not finite (NaN or infinite), "
+                     "the first at x 30, y 20, channel 0"},
+           {"--psf box:301,301 wide.png out.png",
+            "wide.png: cannot restore: the PSF (303 x 303) is larger than the picture (300 x 200)"},
+           {"--psf star.exr sharp.png out.png", "sharp.png: cannot restore: the PSF stands on a background"},
+           {"--psf disk:2 --strength auto holed.exr out.exr", "holed.exr: cannot restore: the picture holds 1"}}) {
+    const auto [status, text] = run(args);
+    EXPECT_EQ(status, 11) << args;
+    EXPECT_EQ(text.rfind("deconv-restore: " + std::string(says), 0), 0u) << args << ": " << text;
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << args << ": " << text;
+    EXPECT_FALSE(written("out.exr") || written("out.png") || written("kept.png")) << args;
   }
 }
 
 // Repaired on request: written, finite, with one warning line saying what was done.
 TEST_F(Refusals, RepairsOnRequestWithAWarning) {
-  const struct {
-    const char* args;
-    const char* warns;
-  } cases[] = {
-      {"--repair-nonfinite --psf disk:2 holed.exr out.exr",
-       "deconv-restore: warning: holed.exr: replaced 1 samples that are not finite (NaN or infinite)"},
-      {"--subtract-psf-background --psf star.exr --depth float sharp.png out.exr",
-       "deconv-restore: warning: sharp.png: took the PSF's background (0.0196 of its peak) off its taps"},
-  };
-  for (const auto& c : cases) {
-    const auto [status, text] = run(c.args);
-    EXPECT_EQ(status, 0) << c.args << ": " << text;
-    EXPECT_EQ(text.rfind(c.warns, 0), 0u) << c.args << ": " << text;
+  for (const auto& [args, warns] : {
+           std::pair{"--repair-nonfinite --psf disk:2 holed.exr out.exr",
+                     "holed.exr: replaced 1 samples that are not finite (NaN or infinite)"},
+           {"--subtract-psf-background --psf star.exr --depth float sharp.png out.exr",
+            "sharp.png: took the PSF's background (0.0196 of its peak) off its taps"}}) {
+    const auto [status, text] = run(args);
+    EXPECT_EQ(status, 0) << args << ": " << text;
+    EXPECT_EQ(text.rfind("deconv-restore: warning: " + std::string(warns), 0), 0u) << args << ": " << text;
     const deconv::Image out = read_picture(dir / "out.exr").image;
-    EXPECT_TRUE(std::all_of(out.pixels.begin(), out.pixels.end(), [](float v) { return std::isfinite(v); })) << c.args;
+    EXPECT_TRUE(std::all_of(out.pixels.begin(), out.pixels.end(), [](float v) { return std::isfinite(v); })) << args;
     std::remove((dir / "out.exr").c_str());
   }
 }
 
-// --save-psf keeps the PSF the restoration used, drawn or estimated, with its
-// largest tap white in 16 bits.
+// --save-psf keeps the PSF used, drawn or estimated, its largest tap white in 16 bits.
 TEST_F(Refusals, SavePsfKeepsThePsfUsed) {
   ASSERT_EQ(run("--psf gaussian:2 --save-psf kept.png blurred.png out.png").first, 0);
   const deconv::Image drawn = deconv::draw_psf("gaussian:2"), kept = read_picture(dir / "kept.png").image;
@@ -96,9 +80,8 @@ TEST_F(Refusals, SavePsfKeepsThePsfUsed) {
   for (size_t i = 0; i < estimated.pixels.size(); ++i) EXPECT_NEAR(saved.pixels[i], estimated.pixels[i], 1.0 / 65535);
 }
 
-// A restoration that leaves the picture's gradients as they were (a blur far
-// smaller than the picture's, at the strongest regularisation) is written
-// with a warning; one that undoes the blur is silent.
+// A result with the picture's gradients (a blur far smaller than the picture's,
+// the strongest regularisation) is written with a warning; one that undoes the blur is silent.
 TEST_F(Refusals, WarnsOfAResultNoSharperThanItsPicture) {
   const auto [status, text] = run("--psf gaussian:0.3 --strength 200 sharp.png out.png");
   EXPECT_EQ(status, 0);
@@ -108,8 +91,7 @@ TEST_F(Refusals, WarnsOfAResultNoSharperThanItsPicture) {
   EXPECT_EQ(run("--psf gaussian:2 --strength 10 blurred.png out.png"), std::make_pair(0, std::string()));
 }
 
-// The estimation's progress: each stage on stderr with --progress, nothing
-// when stderr is not a terminal.
+// The estimation's progress on stderr with --progress, nothing when stderr is not a terminal.
 TEST_F(Refusals, ProgressOnlyWhenAsked) {
   const auto [status, text] = run("--psf auto --progress blurred.png out.png");
   EXPECT_EQ(status, 0);

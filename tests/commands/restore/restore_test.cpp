@@ -1,6 +1,5 @@
-// deconv-restore: pictures of every depth restored as the library restores
-// them, runs at once that do not meet, and files that are either complete or
-// untouched.
+// deconv-restore: every depth restored as the library restores it, runs at
+// once that do not meet, files complete or untouched.
 #include <dirent.h>
 #include <gmock/gmock.h>
 
@@ -53,11 +52,11 @@ class Restore : public ::testing::Test {
 // 16 bits stay 16 (each sample within one step of the library's float), float
 // stays float to the bit, and 8 bits without alignment are deconv's pixels.
 TEST_F(Restore, EveryDepthKeepsItsRange) {
-  write_picture(dir / "grey16.png", testdata_crop("camera.png", 100, 60, 120, 90, true), SampleDepth::u16);
-  write_picture(dir / "colour16.tif", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
-  write_picture(dir / "colour16.ppm", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u16);
-  write_picture(dir / "float.tif", testdata_crop("camera.png", 100, 60, 120, 90, true), SampleDepth::f32);
-  for (const char* name : {"grey16.png", "colour16.tif", "colour16.ppm", "float.tif"}) {
+  const deconv::Image grey = testdata_crop("camera.png", 100, 60, 120, 90, true);
+  const deconv::Image colour = testdata_crop("coffee.png", 200, 100, 100, 81);
+  for (const auto& [name, picture, depth] : {std::tuple{"grey16.png", &grey, SampleDepth::u16}, {"colour16.tif", &colour, SampleDepth::u16},
+                                             {"colour16.ppm", &colour, SampleDepth::u16}, {"float.tif", &grey, SampleDepth::f32}}) {
+    write_picture(dir / name, *picture, depth);
     ASSERT_EQ(restore(dir, std::string("--psf psf.png --strength 10 --workers 1 ") + name + " out-" + name).first, 0) << name;
     const PictureFile out = read_picture(dir / ("out-" + std::string(name)));
     const deconv::Image expected = reference(name);
@@ -75,7 +74,7 @@ TEST_F(Restore, EveryDepthKeepsItsRange) {
     EXPECT_LE(worst, 1.0) << name;
   }
 
-  write_picture(dir / "colour8.png", testdata_crop("coffee.png", 200, 100, 100, 81, false), SampleDepth::u8);
+  write_picture(dir / "colour8.png", colour, SampleDepth::u8);
   ASSERT_EQ(restore(dir, "--psf psf.png --depth 8 --no-align --exact --strength 10 colour8.png ours.png").first, 0);
   ASSERT_EQ(shell("cd " + dir.path + " && unshare -rm sh -c 'mount -t tmpfs tmpfs /dev/shm && exec " DECONV_BINARY
                   " colour8.png psf.png theirs.png 1 95 10'").first, 0);
@@ -109,11 +108,10 @@ TEST_F(Restore, RunsAtOnceNeitherMeetNorLeaveAnything) {
 }
 
 // The colour profile goes over (Exif is output_test's); every failure is one
-// line naming the file and the reason, a status of 11, and an OUTPUT left as
-// it was.
+// line naming the file and the reason, status 11, the OUTPUT as it was.
 TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
   PictureFile tagged;
-  tagged.image = testdata_crop("coffee.png", 200, 100, 100, 81, false);
+  tagged.image = testdata_crop("coffee.png", 200, 100, 100, 81);
   const std::vector<unsigned char> profile = smallest_rgb_profile();
   tagged.header.attribute("ICCProfile", OIIO::TypeDesc(OIIO::TypeDesc::UINT8, (int)profile.size()), profile.data());
   write_picture(dir / "tagged.jpg", tagged.image, SampleDepth::u8, &tagged);
@@ -152,10 +150,6 @@ TEST_F(Restore, FilesKeepTheirMetadataOrStayAsTheyWere) {
     EXPECT_THAT(listing(dir.path), ::testing::Not(::testing::HasSubstr("x.png"))) << args;
   }
 }
-
-}  // namespace
-
-namespace {
 
 // --method richardson-lucy: the command restores as the library does, with
 // the background given in the file's own counts.
