@@ -1,6 +1,5 @@
 // Helpers of the tests: the engine's named semaphores, exceptions as text,
-// temporary folders, commands and runs of the deconv binary through the shell; the
-// pictures and measures the evaluations use (bench/photo_cases.h).
+// temporary folders, commands and runs of deconv through the shell.
 #ifndef DECONV_TESTS_SUPPORT_H
 #define DECONV_TESTS_SUPPORT_H
 

@@ -1,5 +1,5 @@
-// The library: the same numbers as deconv, an aligned result, errors in place
-// of the engine's fatal paths, and engines that run at once without meeting.
+// The library: deconv's numbers, an aligned result, errors for the engine's
+// fatal paths, engines that run at once without meeting.
 #include <dirent.h>
 #include <gmock/gmock.h>
 
@@ -19,8 +19,7 @@ double interior_mse(const deconv::Image& result, const deconv::Image& sharp, int
 
 class Library : public SemaphoreTest {};
 
-// With align and clamp off, an 8-bit picture divided by 255 restores to the
-// very floats deconv's engine makes of it, grey and colour.
+// Unaligned, an 8-bit picture divided by 255 restores to the very floats of deconv's engine.
 TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
   const deconv::Image psf = deconv::draw_psf("motion:9,30");
   for (const deconv::Image& sharp : {testdata_crop("camera.png", 100, 60, 160, 120), testdata_crop("coffee.png", 200, 100, 150, 101)}) {
@@ -39,8 +38,8 @@ TEST_F(Library, RestoresToTheFloatsOfDeconvsEngine) {
   }
 }
 
-// An aligned restoration matches the sharp picture best where it stands; the
-// bare one a pixel toward +x and +y. It is far closer than the blurred input.
+// An aligned restoration matches the sharp picture best where it stands, the
+// bare one a pixel toward +x and +y; far closer than the blur. Clamped, 0..1.
 TEST_F(Library, AlignedResultStandsOnItsPicture) {
   const deconv::Image sharp = testdata_crop("astronaut.png", 150, 60, 200, 160), psf = deconv::draw_psf("gaussian:2");
   const deconv::Image blurred = ::blurred(sharp, psf, 3);
@@ -106,8 +105,8 @@ std::vector<std::string> shared_memory_names() {
   return names;
 }
 
-// Eight restorations and strength choices at once in one process: each as it
-// would be alone, and no name left in /dev/shm nor the machine's names made.
+// Eight restorations and strength choices at once in one process, each as
+// alone, no name left in /dev/shm nor the machine's names made.
 TEST_F(Library, EnginesRunAtOnceWithoutMeeting) {
   const deconv::Image sharp = testdata_crop("chelsea.png", 50, 40, 150, 120), psf = deconv::draw_psf("disk:3");
   const deconv::Image blurred = ::blurred(sharp, psf, 3);

@@ -1,6 +1,5 @@
-// restore() under RestoreOptions::memory: tiles against the whole for the
-// shapes the command's tests do not take (colour, a stack of planes with a
-// 2-D PSF, deconv's own engine), and refusals that name the whole picture.
+// restore() under RestoreOptions::memory: tiles against the whole for shapes
+// the command's tests do not take, and refusals that name the whole picture.
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -9,8 +8,7 @@
 
 namespace {
 
-// Each case is restored whole and in a budget of a fifth to a tenth of what
-// the whole takes; the tiles must be those of the whole to 1e-3 of its range.
+// In a fifth to a tenth of the whole's memory, tiles are the whole to 1e-3 of its range.
 TEST(LibraryTiles, RestoreAsTheWhole) {
   deconv::Image stack(96, 80, 4, 1);
   const deconv::Image grey = testdata_crop("camera.png", 100, 60, 96, 80, true);

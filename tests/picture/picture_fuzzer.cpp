@@ -1,10 +1,7 @@
-// Fuzzes the way deconv-restore, deconv-estimate and deconv-strength read a
-// picture from a stranger: read_picture, through OpenImageIO's readers and
-// the PNM and FITS readers of picture/. The file gets the extension its first
-// bytes call for, so that mutations reach the reader its kind would; a file
-// that looks like nothing is left to OpenImageIO to recognise. A refusal
-// (deconv::Error) is fair; anything a sanitizer sees, an exception of another
-// kind, or an allocation beyond the build's cap on planes is not.
+// Fuzzes read_picture, as the commands read a stranger's picture: the file
+// gets the extension its first bytes call for, so that mutations reach its
+// kind's reader. A deconv::Error is fair; what a sanitizer sees, another
+// exception, or an allocation beyond the build's cap on planes is not.
 #include <OpenImageIO/imageio.h>
 #include <unistd.h>
 

@@ -1,5 +1,5 @@
-// deconv-strength on a few blurred photographs whose right strength is not in
-// doubt; the evaluation over 320 pictures is bench/strength_bench.cpp.
+// deconv-strength on blurred photographs whose right strength is not in doubt
+// (bench/strength_bench.cpp evaluates 320).
 #include <cmath>
 #include <random>
 
@@ -14,8 +14,7 @@ namespace {
 
 constexpr int side = 160, border = 20;
 
-// The engine's restoration of a 0..1 picture, rolled back onto the picture
-// (it stands one pixel toward +x and +y).
+// The engine's restoration of a 0..1 picture, rolled back one pixel onto it.
 CImg<float> restored_unit(const CImg<float>& picture, const CImg<float>& psf, int strength) {
   CImg<float> input(picture), kernel(psf), output(picture.width(), picture.height());
   normalize_to_unit_sum(kernel);
@@ -43,15 +42,13 @@ TEST_F(Strength, NoiseRaisesTheChoice) {
   const CImg<float> photo = load(std::string(DECONV_TESTDATA) + "/astronaut.png"), psf = disk_psf(5);
   const int clean = chosen(blurred_crop(photo, psf, 170, 40, side, 0, 7), psf, "picture.pnm");
   const int noisy = chosen(blurred_crop(photo, psf, 170, 40, side, 0.02, 7), psf, "picture.pnm");
-  std::printf("a disk of radius 5: strength %d without noise, %d at 2 %% noise\n", clean, noisy);
   EXPECT_LE(clean, 5);
   EXPECT_GE(noisy, 3 * clean);
 }
 
 // A JPEG empties its high frequencies of grain, which GCV over all of them
-// would take for a clean picture and answer 4 to 8, 1.4 and 2.7 dB below the
-// default on these two; the right choice is well above the default, and a
-// quarter above that for the same pixels in a lossless file.
+// would take for a clean picture; the right choice beats the default, a
+// quarter above the choice for the same pixels in a lossless file.
 TEST_F(Strength, OnAJpegTheChoiceBeatsTheDefault) {
   const struct {
     const char* photo;
@@ -66,19 +63,14 @@ TEST_F(Strength, OnAJpegTheChoiceBeatsTheDefault) {
     const CImg<float> jpeg = load(dir / "picture.jpg");
     const double choice = interior_psnr(deconv_restored(jpeg, c.psf, strength), sharp, border, 2);
     const double fallback = interior_psnr(deconv_restored(jpeg, c.psf, 10), sharp, border, 2);
-    std::printf("%s at 2 %% noise as JPEG: strength %d, %.2f dB; default 10, %.2f dB\n", c.photo, strength, choice,
-                fallback);
-    EXPECT_GE(choice, fallback + 0.5) << c.photo;
-    // The same pixels without the file's format to tell of their compression.
+    EXPECT_GE(choice, fallback + 0.5) << c.photo << " at " << strength;
     EXPECT_EQ(strength, std::lround(1.25 * chosen(jpeg, c.psf, "picture.pnm"))) << c.photo;
   }
 }
 
-// A star field's few sources leave most frequencies to the noise, unlike a
-// photograph's edges: twice cross-validation's strength, right for
-// photographs, restored this field's bright stars 13 % wider than the best
-// strength of a grid did (bench/sparse_strength_bench.cpp). The picture goes
-// to deconv-strength in 16 bits, its stars' faint wings intact.
+// A star field's few sources leave most frequencies to the noise: twice
+// cross-validation's strength, right for photographs, restored its stars 13 %
+// wider than the best of a grid did. In 16 bits, its faint wings intact.
 TEST_F(Strength, OnAStarFieldTheStarsComeOutAsSharpAsAtTheBestStrength) {
   const CImg<float> psf = moffat_psf(3, 3, 31);
   const SparseScene field = sparse_scene(psf, 512, 0.02, 400, 0.0005, 0.01, 0.3, 0.003, 3);
@@ -96,8 +88,6 @@ TEST_F(Strength, OnAStarFieldTheStarsComeOutAsSharpAsAtTheBestStrength) {
     if (db > best_db) best_db = db, best_fwhm = fwhm;
   }
   measure(strength, db, fwhm);
-  std::printf("star field: strength %d, %.2f dB, FWHM %.2f; best of the grid %.2f dB, FWHM %.2f\n", strength, db, fwhm,
-              best_db, best_fwhm);
   EXPECT_GE(db, best_db - 0.5);
   EXPECT_LE(fwhm, 1.1 * best_fwhm);
 }

@@ -1,10 +1,8 @@
-// Fuzzes the native readers the command's routes hand files to (PNM, PFM,
-// BMP, ASC, DLM, INR, PAN and the library's own format). The first byte picks
-// the reader; the rest is the file, read by name through /proc/self/fd. Any of
-// the library's exceptions is a fair refusal; nothing may go wrong in a way a
-// sanitizer sees. Not fuzzed: sizes (the build caps images at 2^24 values,
-// and own-format files naming more than 4096 images are skipped), nor leaks
-// (some readers leave a refused file open; the descriptor is closed here).
+// Fuzzes the native readers the command's routes hand files to, the first
+// byte picking one, the rest the file (through /proc/self/fd). A CImg
+// exception is a fair refusal; what a sanitizer sees is not. Not fuzzed:
+// sizes (capped at 2^24 values, own-format files of over 4096 images
+// skipped), nor leaks (a refused file left open is closed here).
 #include <sys/mman.h>
 #include <unistd.h>
 

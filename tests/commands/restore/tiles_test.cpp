@@ -1,6 +1,5 @@
-// deconv-restore --memory: a stack and a picture restored in overlapping
-// tiles against the same files restored whole, through the command and its
-// files, and a budget too small for any tile refused.
+// deconv-restore --memory: a stack and a picture in tiles against the whole,
+// and a budget too small for any tile.
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -13,9 +12,8 @@ namespace {
 
 const std::string restore_binary = DECONV_RESTORE_BINARY;
 
-// Beads of random brightness in a 40 x 120 x 120 volume, blurred by a
-// Gaussian longer along z than across, on a background of 10 counts,
-// with Poisson noise: what a widefield stack of beads looks like.
+// A widefield stack of beads: a 40 x 120 x 120 volume blurred by a Gaussian
+// longer along z, on 10 counts of background, Poisson noise.
 deconv::Image bead_stack(deconv::Image& psf) {
   CImg<float> kernel(9, 9, 9), volume(120, 120, 40, 1, 0.0f);
   cimg_forXYZ(kernel, x, y, z) kernel(x, y, z) = std::exp(-((x - 4) * (x - 4) + (y - 4) * (y - 4)) / 4.5 - (z - 4) * (z - 4) / 12.5);
@@ -30,10 +28,9 @@ deconv::Image bead_stack(deconv::Image& psf) {
   return stack;
 }
 
-// Richardson-Lucy with a fixed count and no extrapolation is the same
-// operator on every tile as on the whole: the seams are below 1e-3 of the
-// range. A tile that dropped its overlap, pasted a sample off or restored
-// with its own start would show up to a tenth of it.
+// Richardson-Lucy with a fixed count and no extrapolation is one operator on
+// every tile: seams below 1e-3 of the range, where a dropped overlap, a
+// sample pasted off or a tile's own start would show up to a tenth.
 TEST(Tiles, StackRestoresAsTheWhole) {
   TempDir dir;
   deconv::Image psf;
@@ -53,10 +50,8 @@ TEST(Tiles, StackRestoresAsTheWhole) {
   EXPECT_LT(seam(tiled, whole, 9, 9), 1e-3);
 }
 
-// The filter's tiles, each tapered at its own edges, which the overlap keeps
-// off the samples kept. With the strength chosen, all tiles take the middle
-// one's choice: one strength throughout (no tile stands out from its
-// neighbours), though not necessarily the whole picture's.
+// The filter's tiles, each tapered at edges the overlap keeps off the samples
+// kept, all at the middle tile's chosen strength: the whole at one strength.
 TEST(Tiles, PictureRestoresAsTheWholeAtOneStrength) {
   TempDir dir;
   write_picture(dir / "photo.png", testdata_crop("coffee.png", 0, 0, 400, 300), SampleDepth::u8);
@@ -67,8 +62,6 @@ TEST(Tiles, PictureRestoresAsTheWholeAtOneStrength) {
   ASSERT_EQ(status, 0) << said;
   EXPECT_THAT(said, testing::HasSubstr("overlapping tiles"));
   const deconv::Image chosen = read_picture(dir / "chosen.exr", SampleScale::raw).image;
-  // Against the whole restored at each strength near the choice: one of
-  // them is the tiles' strength everywhere.
   double best = 1;
   for (int strength = 1; strength <= 60 && best >= 1e-3; ++strength) {
     ASSERT_EQ(run("--strength " + std::to_string(strength) + " photo.png at.exr").first, 0);
