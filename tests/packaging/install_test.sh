@@ -1,8 +1,7 @@
 #!/usr/bin/env bash
 # `cmake --install` into a temporary prefix: exactly installed_files.txt, man
-# pages without warnings, the installed commands, libdeconv exporting only
-# namespace deconv, programs built through pkg-config and find_package, and
-# the Python module, all from the prefix.
+# pages without warnings, the commands, libdeconv exporting only namespace
+# deconv, programs built through pkg-config and find_package, the Python module.
 set -euo pipefail
 build=$1 here=$(cd "$(dirname "$0")" && pwd)
 prefix=$(mktemp -d) work=$(mktemp -d)

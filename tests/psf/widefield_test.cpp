@@ -116,7 +116,6 @@ TEST(WidefieldRefusals, ImpossibleNumbersAreRefusedInOneLine) {
       {"1.2 520 1.33 100 200 0 1e6 1000", "a refractive index must be from 1 to 3"},
       {"1.2 520 1.33 100 200 0 1.45 -1", "'-1' is not a depth in nm (0 or more)"},
       {"1.2 520 1.33 100 200 0 1.45 2e5", "DEPTH is more than 200 wavelengths"},
-      {"1.2 520 1.33 0 200", "'0' is not a pixel size in nm above 0"},
       {"1.2 520 1.33 100 nan", "'nan' is not a z step in nm above 0"},
       {"1.2 520 1.33 100 200 -1", "'-1' is not a number of planes (0 chooses)"},
       {"1.2 520 1.33 100 200 10", "PLANES must be odd and whole"},

@@ -1,6 +1,5 @@
-"""The camera bench measures what it claims: its sRGB curve is the standard's,
-its blur is the convolution the module undoes, and its scoring forgives small
-offsets only. Skipped without scikit-image, which the bench needs."""
+"""The camera bench measures what it claims: the standard's sRGB curve, the
+convolution the module undoes, scoring that forgives small offsets only."""
 import importlib.util
 import os
 import sys

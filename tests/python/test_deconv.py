@@ -285,7 +285,6 @@ class Errors(unittest.TestCase):
             (lambda: deconv.restore(big.astype(complex), psf), TypeError, "complex128"),
             (lambda: deconv.restore({"a": 1}, psf), deconv.Error, "the picture must be a numpy array, not dict"),
             (lambda: deconv.restore(big, psf, align=big), deconv.Error, "align must be True or False, not an array"),
-            (lambda: deconv.restore(big, psf, compressed="yes"), deconv.Error, "compressed must be True or False"),
             (lambda: deconv.restore(big, psf, workers=2.5), deconv.Error, "workers must be a whole number"),
             (lambda: deconv.restore(big, 3.0), deconv.Error, "the PSF must be a numpy array, not float"),
             (lambda: deconv.restore(big, psf, strength=big), deconv.Error, "strength must be a whole number"),

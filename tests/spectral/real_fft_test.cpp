@@ -35,9 +35,8 @@ std::complex<double> naive(const RealArray& x, const std::vector<int>& sizes, co
 
 class RealFftShapes : public ::testing::TestWithParam<std::vector<int>> {};
 
-// Every stored frequency of odd, even, prime and one-sample axes, in one,
-// two and three axes (blocks of 16 rows and lines cut unevenly among them);
-// a round trip gives the input times the sample count.
+// Every stored frequency of odd, even, prime and one-sample axes in one to
+// three axes (blocks cut unevenly); a round trip gives the input times the count.
 TEST_P(RealFftShapes, MatchNaiveDftAndComeBack) {
   const std::vector<int> sizes = GetParam();
   const RealFft& fft = RealFft::of(sizes);
@@ -89,8 +88,7 @@ INSTANTIATE_TEST_SUITE_P(RealFft, RealFftShapes,
                                            std::vector<int>{37, 1}, std::vector<int>{33, 20}, std::vector<int>{17, 31},
                                            std::vector<int>{5, 18, 7}, std::vector<int>{3, 40, 36}));
 
-// The blocks are fixed, whoever runs them: 1, 2 and 8 threads give the same
-// bits, forward and back, also with the input at an odd address.
+// 1, 2 and 8 threads give the same bits forward and back, the input at an odd address too.
 TEST(RealFft, GivesTheSameBitsForAnyNumberOfThreads) {
   for (const std::vector<int>& sizes : {std::vector<int>{250, 333}, std::vector<int>{9, 70, 66}}) {
     const RealFft& fft = RealFft::of(sizes);

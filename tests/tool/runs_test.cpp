@@ -1,6 +1,5 @@
 // The binary as a script runs it: exit statuses and silence, the converters it
-// finds and the exact command lines it gives them (scripts in the working
-// folder record their arguments), and whole restorations of photographs.
+// finds and the command lines it gives them (recorded by scripts in the working folder).
 #include <regex>
 
 #include "tests/support.h"
@@ -14,7 +13,6 @@ int count(const std::string& text, const std::string& word) {
   for (size_t at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) ++n;
   return n;
 }
-
 
 class Runs : public SemaphoreTest {
  protected:
