@@ -3,7 +3,7 @@
 // blurs a scene, rounded to bytes, and each is restored as deconv restores it.
 // Prints the PSNR over the interior (at the best whole-pixel offset) of the
 // blurred and of the restored crops, by PSF, and their least gain. The suite
-// keeps a sample of these cases (tests/tool/runs_test.cpp).
+// pins the bytes of a sample of these cases (tests/tool/pinned_results_test.cpp).
 //
 // It makes engines, so it runs in a /dev/shm of its own (the engine's
 // semaphore names are the machine's): it starts itself again under

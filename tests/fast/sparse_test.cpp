@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <numeric>
 #include <random>
 
 #include "fast/gradient_shrink.h"
@@ -61,11 +62,7 @@ struct Scene {
   std::vector<float> truth, psf, data;
 };
 
-size_t count(const std::vector<int>& sizes) {
-  size_t n = 1;
-  for (const int s : sizes) n *= s;
-  return n;
-}
+size_t count(const std::vector<int>& sizes) { return std::accumulate(sizes.begin(), sizes.end(), size_t{1}, std::multiplies<>()); }
 
 void place(size_t i, const std::vector<int>& shape, std::vector<int>& at) {
   for (size_t a = shape.size(); a-- > 0; i /= shape[a]) at[a] = (int)(i % shape[a]);
@@ -176,7 +173,6 @@ TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
   std::mt19937 rng(3);
   std::vector<float> weights(s.data.size());
   for (float& w : weights) w = rng() % 5 ? 0.5f + (rng() % 100) / 100.0f : 0.0f;
-  const std::vector<int> wide = {12, 15};
   const size_t n = 12 * 15;
   const double lambda = 2e-3;
   std::vector<std::vector<double>> a(n, std::vector<double>(n, 0.0));
@@ -202,11 +198,8 @@ TEST(SparseRestore, ReachesTheMinimiserOfItsObjective) {
   const std::vector<double> best = solve(a, b);
 
   fast::SparseOptions options;
-  options.alpha = 2;
-  options.lambda = (float)lambda;
-  options.weights = weights.data();
-  options.outer_steps = 1;
-  options.inner_steps = 600;
+  options.alpha = 2, options.lambda = (float)lambda, options.weights = weights.data();
+  options.outer_steps = 1, options.inner_steps = 600;
   const std::vector<float> object = restore(s, options);
   for (int r = 0; r < 10; ++r)
     for (int c = 0; c < 13; ++c) EXPECT_NEAR(object[r * 13 + c], best[r * 15 + c], 2e-4) << r << ", " << c;
