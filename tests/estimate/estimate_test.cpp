@@ -261,30 +261,13 @@ TEST(CameraPictures, LampsDoNotMoveThePsfAndHighIsoIsAnswered) {
   EXPECT_EQ(thrown<deconv::Error>([&] { deconv::estimate_psf(to_image(noisy.blurred, 1.0f / 255)); }), "nothing thrown");
 }
 
-// Progress: every scale of the pyramid from the coarsest to the picture's own,
-// then the refinement and the check, in that order.
-TEST(Progress, EveryStageAndScaleInOrder) {
-  const Case c = blurred_case("camera.png", Kind::motion, 0, 5);
-  std::vector<std::pair<std::string, double>> told;
-  deconv::EstimateOptions options;
-  options.progress = [&](const std::string& stage, double scale) { told.emplace_back(stage, scale); };
-  deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
-  ASSERT_GE(told.size(), 4u);
-  const size_t scales = told.size() - 2;
-  for (size_t i = 0; i < scales; ++i)
-    EXPECT_TRUE(told[i].first == "coarse to fine" && (!i || told[i].second > told[i - 1].second)) << i;
-  EXPECT_EQ(told[scales - 1].second, 1.0);
-  EXPECT_EQ(told[scales], std::make_pair(std::string("refining"), 1.0));
-  EXPECT_EQ(told[scales + 1], std::make_pair(std::string("checking"), 1.0));
-}
-
-// The command: statuses, the line it prints, the file it writes or leaves alone
-// (--help, unknown options and unreadable pictures are faces_test's).
+// The command: statuses, the line it prints, the file it writes or leaves
+// alone (--help, unknown options and unreadable pictures are faces_test's).
 std::pair<int, std::string> run(const TempDir& dir, const std::string& args) {
   return shell("cd '" + dir.path + "' && " DECONV_ESTIMATE_BINARY " " + args + " </dev/null");
 }
 
-TEST(Command, StatusesAndFiles) {
+TEST(Command, StatusesFilesAndProgress) {
   TempDir dir;
   const Case c = blurred_case("camera.png", Kind::motion, 0, 5);
   c.blurred.save_pnm((dir / "blurred.pgm").c_str());
@@ -315,7 +298,20 @@ TEST(Command, StatusesAndFiles) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << f.args << ": " << text;
     EXPECT_FALSE(std::ifstream(dir / "out.png").good()) << f.args;
   }
-  // Progress on stderr only when asked: the command's stderr is not a terminal here.
+  // Progress: every scale of the pyramid from the coarsest to the picture's
+  // own, then the refinement and the check; on the command's stderr only
+  // when asked (it is not a terminal here).
+  std::vector<std::pair<std::string, double>> told;
+  deconv::EstimateOptions options;
+  options.progress = [&](const std::string& stage, double scale) { told.emplace_back(stage, scale); };
+  deconv::estimate_psf(to_image(c.blurred, 1.0f / 255), options);
+  ASSERT_GE(told.size(), 4u);
+  const size_t scales = told.size() - 2;
+  for (size_t i = 0; i < scales; ++i)
+    EXPECT_TRUE(told[i].first == "coarse to fine" && (!i || told[i].second > told[i - 1].second)) << i;
+  EXPECT_EQ(told[scales - 1].second, 1.0);
+  EXPECT_EQ(told[scales], std::make_pair(std::string("refining"), 1.0));
+  EXPECT_EQ(told[scales + 1], std::make_pair(std::string("checking"), 1.0));
   EXPECT_THAT(run(dir, "--progress blurred.pgm psf.png"),
               ::testing::Pair(0, ::testing::HasSubstr("deconv-estimate: blurred.pgm: refining at scale 1\n")));
 }
