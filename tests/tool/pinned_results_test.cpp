@@ -61,7 +61,7 @@ TEST_F(PinnedResults, RestorationsKeepTheirBytes) {
     ASSERT_EQ(dir.run(std::string("blurred.pnm psf.pgm restored.pnm 1 95 ") + c.strength).first, 0);
     EXPECT_EQ(sha256(dir / "restored.pnm"), c.sha256) << c.w << "x" << c.h;
     // The derivative jobs add into S in the order they finish.
-    for (const char* workers : {" 3", " 8"}) {
+    for (const char* workers : {" 2", " 3", " 8"}) {
       ASSERT_EQ(dir.run(std::string("blurred.pnm psf.pgm more.pnm") + workers + " 95 " + c.strength).first, 0);
       EXPECT_LE((load(dir / "more.pnm") - load(dir / "restored.pnm")).abs().max(), 1) << c.w << "x" << c.h << workers;
     }
