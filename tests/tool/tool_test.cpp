@@ -27,9 +27,7 @@ TEST(ImageFiles, InputIsPngReadsTheContentNotTheName) {
   write_file(dir / "jpeg.png", std::string("\xff\xd8\xff\xe0", 4) + std::string(600, 'x'));
   ASSERT_EQ(std::system(("convert -size 1x1 xc:red " + dir / "tiny.png").c_str()), 0);
   EXPECT_TRUE(input_is_png((dir / "png.jpg").c_str()) && input_is_png((dir / "tiny.png").c_str()));
-  EXPECT_FALSE(input_is_png((dir / "jpeg.png").c_str()));
-  EXPECT_EQ(thrown<cimg_library::CImgIOException>([&] { input_is_png((dir / "missing").c_str()); }),
-            "cimg::fopen() : Failed to open file '" + dir / "missing" + "' with mode 'rb'.");
+  EXPECT_FALSE(input_is_png((dir / "jpeg.png").c_str()));  // a file it cannot open: runs_test's input URL
 }
 
 TEST(ImageFiles, ContentIsDetectedInItsOrderOfTests) {
@@ -104,14 +102,11 @@ TEST(ImageFiles, EveryRouteLoadsThePicture) {
   ASSERT_EQ(std::system(("convert " + dir / "deep.pgm " + dir / "deep.png").c_str()), 0);
   EXPECT_EQ(load(dir / "deep.png"), CImg<float>(2, 1, 1, 1, 1000.0f, 65535.0f));  // 16 bits, unscaled
   picture.save_cimg((dir / "no_extension").c_str());  // the library's own format leaves the reports on
-  EXPECT_EQ(load(dir / "no_extension"), picture);
-  ::testing::internal::CaptureStderr();
-  EXPECT_THROW(load(dir / "missing.png"), cimg_library::CImgIOException);
-  EXPECT_EQ(::testing::internal::GetCapturedStderr(), "\n[CImg] *** CImgIOException *** [instance(0,0,0,0,(nil),non-shared)] "
-                                                      "CImg<float>::load() : Failed to open file '" + dir / "missing.png" + "'.\n");
+  EXPECT_EQ(load(dir / "no_extension"), picture);  // a missing file's report is runs_test's
 }
 
-TEST(ImageFiles, SavingClampsScalesTruncatesAndTakesTheQualityByTheInputsType) {
+// (The quality by the input's type is runs_test's converter command lines.)
+TEST(ImageFiles, SavingClampsScalesAndTruncates) {
   TempDir dir;
   // Clamped to 0..1, times 255 in float, truncated: 0.5 is 127, 0.999 is 254.
   // A NaN first pixel still gives an 8-bit file, with 0 for it.
@@ -120,10 +115,6 @@ TEST(ImageFiles, SavingClampsScalesTruncatesAndTakesTheQualityByTheInputsType) {
   CImg<float> two(2, 1, 1, 2, 1.0f);  // two channels: a zero third one
   write_pnm(two, (dir / "two.ppm").c_str());
   EXPECT_EQ(read_file(dir / "two.ppm"), std::string("P6\n2 1\n255\n\xff\xff\0\xff\xff\0", 17));
-  save_result(CImg<float>(8, 8, 1, 1, 100.0f), (dir / "png_input.jpg").c_str(), true, 37);
-  save_result(CImg<float>(8, 8, 1, 1, 100.0f), (dir / "jpeg_input.jpg").c_str(), false, 37);
-  ASSERT_EQ(std::system(("cd " + dir.path + " && identify -format '%Q ' png_input.jpg jpeg_input.jpg > q").c_str()), 0);
-  EXPECT_EQ(read_file(dir / "q"), "100 37 ");
   EXPECT_THROW(save_result(CImg<float>(), (dir / "e.png").c_str(), true, 90), cimg_library::CImgInstanceException);
 }
 
