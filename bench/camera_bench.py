@@ -8,11 +8,13 @@ Run (make bench does, on the bench build):
         [--set camera|old] [--workers N] [--csv FILE] [--no-oracle]
         [--summarise FILE]   (the tables again from a run's --csv)
 
-Pipelines: each method the module has ("wiener", "richardson-lucy",
-"sparse") and each with light="auto", at their defaults; those the module
-refuses (TypeError, deconv.Error on a small probe) are listed as not
-available. A JPEG is restored with compressed=True, as deconv-restore
-restores a JPEG file. Blind: deconv.estimate_psf, then restore with its PSF.
+Pipelines: "default", the module's defaults (method "auto": the sparse
+prior in light for these 8-bit pictures), blind as deconv-restore --psf auto
+restores (the filter); each method ("wiener", "richardson-lucy", "sparse")
+on the stored values and in light ("+light"); those the module refuses
+(TypeError, deconv.Error on a small probe) are listed as not available. A
+JPEG is restored with compressed=True, as deconv-restore restores a JPEG
+file. Blind: deconv.estimate_psf, then restore with its PSF.
 
 Measures, all on the 8-bit sRGB values against sharp.png:
   PSNR, SSIM   over the interior (beyond one PSF side from the edges), at the
@@ -57,12 +59,14 @@ import camera_photos  # noqa: E402
 
 import deconv  # noqa: E402
 
-CANDIDATES = [("wiener", {}), ("wiener+light", {"light": "auto"}),
-              ("richardson-lucy", {"method": "richardson-lucy"}),
+CANDIDATES = [("default", {}), ("wiener", {"method": "wiener"}),
+              ("wiener+light", {"method": "wiener", "light": "encoded"}),
+              ("richardson-lucy", {"method": "richardson-lucy", "light": "linear"}),
               ("richardson-lucy+light", {"method": "richardson-lucy", "light": "auto"}),
-              ("sparse", {"method": "sparse"}), ("sparse+light", {"method": "sparse", "light": "auto"}),
-              ("sparse+encoded", {"method": "sparse", "light": "encoded"}),
-              ("sparse-unclipped", {"method": "sparse", "highlights": None})]
+              ("sparse", {"method": "sparse", "light": "linear"}), ("sparse+light", {"method": "sparse", "light": "auto"}),
+              ("sparse-unclipped", {"method": "sparse", "light": "auto", "highlights": None})]
+# What deconv-restore --psf auto does: the estimated kernel restored by the filter.
+BLIND_DEFAULT = {"method": "wiener"}
 SHIFT = 2
 ORACLE_ITERATIONS = [5, 10, 20, 40, 80, 160]
 
@@ -214,7 +218,8 @@ def run_case(job):
             if kernel is None:
                 out, seconds = blurred, 0.0
             else:
-                out, seconds, reason = restore(blurred, kernel, options, compressed)
+                given = BLIND_DEFAULT if name == "default" and source == "blind" else options
+                out, seconds, reason = restore(blurred, kernel, given, compressed)
             score = scorer.score(out)
             rows.append(dict(common, pipeline=name, source=source, refused=reason, estimate_seconds=estimate_seconds,
                              restore_seconds=seconds, **{k: score[k] for k in ("psnr", "ssim", "ssd", "band", "ring_rms")}))
@@ -310,7 +315,7 @@ def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--quick", action="store_true", help="a third of the cases, every photograph and kind")
     parser.add_argument("--only", default="", help="cases whose name holds SUBSTRING")
-    parser.add_argument("--method", default="", help="pipelines (comma-separated names, or methods) to run")
+    parser.add_argument("--method", default="", help="pipelines to run (comma-separated names)")
     parser.add_argument("--blind", action="store_true", help="only with the estimated PSF")
     parser.add_argument("--true", action="store_true", help="only with the true PSF")
     parser.add_argument("--set", choices=["camera", "old"], help="one set only")
@@ -328,8 +333,7 @@ def main(argv=None):
     cases = [c for c in cases if (not args.quick or c["quick"]) and args.only in c["name"] and
              (args.set is None or c["set"] == args.set)]
     wanted = [w for w in args.method.split(",") if w]
-    pipelines, missing = available([c for c in CANDIDATES if not wanted or c[0] in wanted or
-                                    c[1].get("method", "wiener") in wanted and "light" not in c[1]])
+    pipelines, missing = available([c for c in CANDIDATES if not wanted or c[0] in wanted])
     sources = ["blind"] if args.blind else ["true"] if args.true else ["blind", "true"]
     print("%d cases; pipelines: %s; not available: %s" % (len(cases), ", ".join(p[0] for p in pipelines) or "none",
                                                         ", ".join(missing) or "none"), flush=True)
