@@ -233,11 +233,14 @@ def run_case(job):
 
 
 def with_ratios(rows):
-    """Each blind row's error ratio over its pipeline's true-PSF row (inf
-    where either was refused)."""
+    """Each blind row's error ratio over the true-PSF row of the method it
+    restored with (the default's blind rows are the filter's; inf where
+    either was refused)."""
     truth = {(r["case"], r["pipeline"]): r for r in rows if r["source"] == "true"}
     for r in rows:
         t = truth.get((r["case"], r["pipeline"]))
+        if r["pipeline"] == "default":
+            t = truth.get((r["case"], "wiener"), t)
         if r["source"] == "blind" and t is not None:
             r["ratio"] = np.inf if r["refused"] or t["refused"] else r["ssd"] / max(t["ssd"], 1e-12)
     return rows
