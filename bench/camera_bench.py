@@ -7,6 +7,7 @@ Run (make bench does, on the bench build):
         [--only SUBSTRING] [--method NAME,...] [--blind | --true]
         [--set camera|old] [--workers N] [--csv FILE] [--no-oracle]
         [--summarise FILE]   (the tables again from a run's --csv)
+        [--figure PNG]       (only examples/camera_default.png)
 
 Pipelines: "default", the module's defaults (method "auto": the sparse
 prior in light for these 8-bit pictures), blind as deconv-restore --psf auto
@@ -314,6 +315,26 @@ def progress(done, count, rows, start):
     return rows
 
 
+def figure(cache, path):
+    """examples/camera_default.png: a crop of a camera-formed JPEG (a shake
+    and a lamp, ISO 400), the filter's and the default's restorations with
+    the true PSF, and the sharp crop, side by side."""
+    from PIL import ImageDraw
+    case = next(c for c in camera_photos.ensure(cache) if c["name"] == "camera00_astronaut_shake")
+    blurred, sharp, psf = load(cache, case)
+    tiles = [(blurred, "camera JPEG (ISO 400)"),
+             (to_bytes(deconv.restore(blurred, psf, method="wiener", compressed=True)), "wiener"),
+             (to_bytes(deconv.restore(blurred, psf)), "default: sparse in light"), (sharp, "sharp")]
+    top, left, side, gap = 120, 230, 200, 10
+    out = Image.new("RGB", (len(tiles) * (side + gap) - gap, side + 22), "white")
+    draw = ImageDraw.Draw(out)
+    for i, (tile, label) in enumerate(tiles):
+        crop = np.ascontiguousarray(tile[top:top + side, left:left + side])
+        out.paste(Image.fromarray(crop), (i * (side + gap), 22))
+        draw.text((i * (side + gap) + 4, 4), label, fill="black")
+    out.save(path, optimize=True)
+
+
 def main(argv=None):
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--quick", action="store_true", help="a third of the cases, every photograph and kind")
@@ -327,9 +348,13 @@ def main(argv=None):
     parser.add_argument("--no-oracle", action="store_true", help="skip the oracle-tuned Richardson-Lucy")
     parser.add_argument("--cache", default=camera_photos.CACHE)
     parser.add_argument("--summarise", metavar="CSV", help="only print the tables of a run's --csv")
+    parser.add_argument("--figure", metavar="PNG", help="only draw examples/camera_default.png there")
     args = parser.parse_args(argv)
     if args.summarise:
         print(summary(read_csv(args.summarise)))
+        return None
+    if args.figure:
+        figure(args.cache, args.figure)
         return None
 
     cases = camera_photos.ensure(args.cache)
