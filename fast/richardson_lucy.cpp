@@ -320,7 +320,9 @@ RichardsonLucyResult richardson_lucy(const float* const data, float* const objec
   std::vector<long> data_row(n / width, -1);  // for each row of the extended grid, the data's, or -1
   for (size_t r = 0; r < e.rows.size(); ++r) data_row[e.rows[r] / width] = (long)r;
   RichardsonLucyResult result;
-  for (int k = 0; k < (options.iterations ? options.iterations : most_iterations); ++k) {
+  const int last = options.iterations ? options.iterations
+                                     : options.at_most > 0 ? std::min(options.at_most, most_iterations) : most_iterations;
+  for (int k = 0; k < last; ++k) {
     // The data over the model, where there are data; the deviance of the fit.
     convolve(fft, H, predicted.data(), work.data(), scratch, false, workers);
     // Outside the data the ratio is nothing. In counts, where the gain is

@@ -27,6 +27,9 @@ struct RichardsonLucyOptions {
   // noise allows (the discrepancy principle for Poisson data, the noise's
   // scale measured where the PSF passes nothing).
   int iterations = 0;
+  // With iterations 0, stop after this many all the same; 0: no bound but
+  // the engine's own.
+  int at_most = 0;
   // Counts every sample carries besides the object's light (camera offset,
   // sky), in the data's units.
   float background = 0;

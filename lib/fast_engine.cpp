@@ -106,6 +106,13 @@ Image restore_richardson_lucy(const Image& blurred, const Image& psf, const deco
   Workers pool(workers);
   RichardsonLucyOptions options;
   options.iterations = settings.iterations;
+  // A JPEG's quantisation takes the finest grain away and leaves block
+  // errors no object fits: the fit never comes as close as the noise
+  // measured, and the automatic stop runs on long past the best result. On
+  // camera-formed JPEGs (bench/camera_bench.py's quick set) it ended at 20.02
+  // dB against 21.51 blurred; stopped after 5, 8 or 12 iterations, at 23.22,
+  // 23.22 and 22.58.
+  if (settings.compressed) options.at_most = 5;
   options.background = settings.background;
   options.accelerate = settings.accelerate;
   options.total_variation = settings.total_variation;

@@ -442,8 +442,9 @@ align     True moves the result back onto the picture; False keeps it one
           pixel toward +x and +y, as the deconv command writes it.
 workers   worker threads; None takes the machine's cores. The result is
           the same to the bit for any number of workers.
-compressed  True for a picture that was saved as JPEG: an "auto" strength
-          is then a quarter higher, as deconv-restore chooses for a JPEG.
+compressed  True for a picture that was saved as JPEG, as deconv-restore
+          takes a JPEG file: an "auto" strength is then a quarter higher,
+          and richardson-lucy stops by itself after at most 5 iterations.
 repair_nonfinite  True replaces samples that are NaN or infinite by the
           median of their neighbours (with a UserWarning saying how many);
           False refuses such a picture.

@@ -133,6 +133,16 @@ TEST(RichardsonLucy, StopsNearItsBestIteration) {
     std::vector<float> out(s.data.size());
     fast::richardson_lucy(s.data.data(), out.data(), s.sizes, s.psf.data(), s.psf_sizes, options, workers);
     EXPECT_GE(psnr(restore(s, 0), s.truth), best - 0.3) << photons;
+    // A bound on the automatic stop holds; an earlier stop stands.
+    options.iterations = 0;
+    options.each_iteration = nullptr;
+    const auto run = [&] {
+      return fast::richardson_lucy(s.data.data(), out.data(), s.sizes, s.psf.data(), s.psf_sizes, options, workers)
+          .iterations;
+    };
+    const int own = run();
+    options.at_most = 3;
+    EXPECT_EQ(std::min(own, 3), run()) << photons;
   }
 }
 

@@ -58,7 +58,9 @@ struct RestoreOptions {
   bool align = true;
   // Clamp the result to 0..1. Off, a float result keeps its ringing.
   bool clamp = false;
-  // The picture was saved as JPEG: for choose_strength().
+  // The picture was saved as JPEG: for choose_strength(), and
+  // richardson-lucy's automatic stop comes after at most 5 iterations (the
+  // compression hides the grain its noise measure reads).
   bool compressed = false;
   // deconv's own engine, for deconv's very numbers (with align and clamp
   // off, the planes deconv computes before it clamps and saves), in place of
