@@ -177,6 +177,11 @@ std::optional<CheckedInputs> check_restore_inputs(const Image& blurred, const Im
   return checked;
 }
 
+int cautious_strength(const int chosen, const RestoreOptions& options) {
+  if (!options.estimated_psf) return chosen;
+  return (int)std::min(200L, std::lround(chosen * deconv::estimated_psf_caution));
+}
+
 void check_strength_inputs(const Image& blurred, const Image& psf) {
   require_picture(blurred, "the picture");
   require_picture(psf, "the PSF");

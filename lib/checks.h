@@ -56,6 +56,9 @@ void check_richardson_lucy(const RestoreOptions& options, const Image& kernel);
 // channels each hold one value throughout.
 void check_strength_inputs(const Image& blurred, const Image& psf);
 
+// The strength choose_strength() gave, raised for an estimated PSF.
+int cautious_strength(int chosen, const RestoreOptions& options);
+
 // The count of samples that are not finite; the first one's place in `x`,
 // `y`, `c`.
 size_t count_nonfinite(const Image& image, int& x, int& y, int& c);

@@ -60,7 +60,7 @@ void check_options(const RestoreOptions& options) {
 
 int strength_for(const Image& blurred, const Image& psf, const RestoreOptions& options) {
   return options.strength >= 0 ? options.strength
-                               : choose_strength(blurred, psf, options.compressed);
+                               : cautious_strength(choose_strength(blurred, psf, options.compressed), options);
 }
 
 void finish(Image& result, const RestoreOptions& options, const bool from_exact) {

@@ -184,7 +184,7 @@ std::optional<Image> restore_in_tiles(const Image& blurred, const Image& psf, co
       middle.end[a] = std::min(plan.sizes[a], (index + 1) * plan.core(a) + plan.overlap[a]);
     }
     middle.begin[0] = plan.sizes[0] / 2, middle.end[0] = middle.begin[0] + 1;  // a plane: the strength is a plane's
-    each.strength = deconv::choose_strength(cut(*whole, middle), kernel, options.compressed);
+    each.strength = cautious_strength(deconv::choose_strength(cut(*whole, middle), kernel, options.compressed), options);
   }
 
   // Richardson-Lucy's tiles start from the whole's level: each volume's (or

@@ -265,7 +265,8 @@ py::object restore(const py::object& image, const py::object& psf, const py::obj
                    const py::object& repair_nonfinite, const py::object& subtract_psf_background,
                    const py::object& exact, const py::object& method, const py::object& iterations,
                    const py::object& background, const py::object& accelerate, const py::object& channel_axis,
-                   const py::object& total_variation, const py::object& light, const py::object& highlights) {
+                   const py::object& total_variation, const py::object& light, const py::object& highlights,
+                   const py::object& estimated_psf) {
   deconv::RestoreOptions options;
   options.highlights = highlights_from(highlights);
   method_from(method, iterations, background, total_variation, accelerate, options);
@@ -274,6 +275,7 @@ py::object restore(const py::object& image, const py::object& psf, const py::obj
   options.workers = workers_from(workers);
   options.align = flag_from(align, "align");
   options.compressed = flag_from(compressed, "compressed");
+  options.estimated_psf = flag_from(estimated_psf, "estimated_psf");
   options.repair_nonfinite = flag_from(repair_nonfinite, "repair_nonfinite");
   options.subtract_psf_background = flag_from(subtract_psf_background, "subtract_psf_background");
   // The library's notices become warnings once the GIL is held again.
@@ -402,7 +404,7 @@ TypeError) with a one-line message.
         py::arg("subtract_psf_background") = false, py::arg("exact") = false, py::arg("method") = "auto",
         py::arg("iterations") = py::none(), py::arg("background") = 0.0, py::arg("accelerate") = true,
         py::arg("channel_axis") = "auto", py::arg("total_variation") = 0.0, py::arg("light") = "auto",
-        py::arg("highlights") = "auto",
+        py::arg("highlights") = "auto", py::arg("estimated_psf") = false,
         R"(Restores a blurred picture, or a stack, whose blur is known.
 
 image     (H, W) or (H, W, C) array of any numeric type, or with a 3-D PSF
@@ -445,6 +447,10 @@ workers   worker threads; None takes the machine's cores. The result is
 compressed  True for a picture that was saved as JPEG, as deconv-restore
           takes a JPEG file: an "auto" strength is then a quarter higher,
           and richardson-lucy stops by itself after at most 5 iterations.
+estimated_psf  True for a PSF from estimate_psf(): the filter's "auto"
+          strength is then four times higher (at most 200), as
+          deconv-restore --psf auto restores; an estimated kernel's errors
+          cost more than the noise the strength is chosen for.
 repair_nonfinite  True replaces samples that are NaN or infinite by the
           median of their neighbours (with a UserWarning saying how many);
           False refuses such a picture.
@@ -523,8 +529,10 @@ light     "linear" (the stored values, as the estimator was tuned on),
 
 Returns (psf, description): the PSF as a float32 2-D array, ready for
 restore(), and the blur in draw_psf()'s words where a model was fitted.
+Restore with it as restore(photo, psf, estimated_psf=True).
 
     >>> psf, found = deconv.estimate_psf(photo)          # doctest: +SKIP
+    >>> sharp = deconv.restore(photo, psf, method="wiener", estimated_psf=True)  # doctest: +SKIP
 )");
 #endif
 

@@ -109,6 +109,7 @@ int main(int argc, char** argv) {
     options.light = light_of(command, picture);
     options.clamp = false;
     options.compressed = picture.compressed;
+    options.estimated_psf = command.psf == "auto";
     options.repair_nonfinite = command.repair_nonfinite;
     options.subtract_psf_background = command.subtract_psf_background;
     options.notice = [&command](const std::string& message) { warn(command.input + ": " + message); };

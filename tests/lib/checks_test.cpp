@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
+#include <random>
 
 #include "tests/library_support.h"
 
@@ -145,6 +146,35 @@ TEST(Library, ChooseStrengthRefusesAFlatPicture) {
   flat.at(3, 4, 2) = 0.6f;
   const int chosen = deconv::choose_strength(flat, deconv::draw_psf("disk:2"));
   EXPECT_TRUE(chosen >= 1 && chosen <= 200) << chosen;
+}
+
+// An estimated PSF restores at four times the strength chosen for it, at
+// most 200; a strength given is kept as it is.
+TEST(Library, AnEstimatedPsfRaisesTheChosenStrength) {
+  const deconv::Image psf = deconv::draw_psf("motion:7,30");
+  CImg<float> kernel = as_cimg(psf);
+  const deconv::Image clean = estimate_eval::to_image(as_cimg(photo(96, 96)).get_convolve(kernel / kernel.sum()), 1);
+  deconv::Image noisy = clean;
+  std::mt19937 rng(3);
+  std::normal_distribution<float> grain(0, 0.08f);
+  for (float& v : noisy.pixels) v += grain(rng);
+  deconv::RestoreOptions plain;
+  plain.workers = 1;
+  deconv::RestoreOptions estimated = plain;
+  estimated.estimated_psf = true;
+  std::vector<int> raised;
+  for (const deconv::Image& picture : std::vector<deconv::Image>{clean, noisy}) {
+    deconv::RestoreOptions at = plain;
+    at.strength = std::min(200, 4 * deconv::choose_strength(picture, psf));
+    raised.push_back(at.strength);
+    EXPECT_EQ(largest_difference(deconv::restore(picture, psf, estimated), deconv::restore(picture, psf, at), 0), 0);
+    at.strength = 7;
+    deconv::RestoreOptions given = estimated;
+    given.strength = 7;
+    EXPECT_EQ(largest_difference(deconv::restore(picture, psf, given), deconv::restore(picture, psf, at), 0), 0);
+  }
+  EXPECT_LT(raised[0], 200);  // so that the first case shows the factor, the second the cap
+  EXPECT_EQ(raised[1], 200);
 }
 
 }  // namespace

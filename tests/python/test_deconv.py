@@ -107,6 +107,12 @@ class Estimation(unittest.TestCase):
         self.assertEqual((description.split()[0], estimate.shape[0] % 2, estimate.max()), ("kernel", 1, 1))
         spread = [(s > 0.1 * s.max()).sum() for s in (estimate.sum(axis=0), estimate.sum(axis=1))]
         self.assertGreater(spread[0], 2 * spread[1])  # wide along x, narrow along y
+        # Restored with it, the chosen strength is four times higher.
+        chosen = deconv.choose_strength(blurred, estimate)
+        self.assertLess(4 * chosen, 200)
+        np.testing.assert_array_equal(
+            deconv.restore(blurred, estimate, method="wiener", estimated_psf=True, workers=1),
+            deconv.restore(blurred, estimate, method="wiener", strength=4 * chosen, workers=1))
 
 
 class Stacks(unittest.TestCase):
