@@ -88,6 +88,7 @@ bool set_tuning(const char* setting) {
   else if (name == "trust_least_gain") t.trust_least_gain = v;
   else if (name == "trust_noise") t.trust_noise = v;
   else if (name == "trust_signal") t.trust_signal = v;
+  else if (name == "coarsest") t.coarsest = (int)v;
   else if (name == "clip_margin") t.clip_margin = v;
   else if (name == "part_gap") t.part_gap = (int)v;
   else if (name == "part_main") t.part_main = v;

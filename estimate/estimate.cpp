@@ -151,6 +151,20 @@ Image free_kernel(const Image& plane, const Image& clipped, int side, int thread
   return kernel;
 }
 
+Scaled at_scale(const Image& seen, const int factor, const int side) {
+  Scaled at;
+  at.factor = factor;
+  at.side = side / factor | 1;
+  const Image values = factor == 1 ? seen : resample(seen, seen.width / factor, seen.height / factor);
+  // Clipped highlights filled from around them for the fits on the whole
+  // plane, and their gradients dropped at every scale.
+  at.clipped = clipped_samples(values);
+  const Image ignore = near_clipped(at.clipped, values.width, values.height, at.side);
+  at.noise = noise_model(values, &ignore);
+  at.plane = fill_ignored(values, ignore, at.noise);
+  return at;
+}
+
 }  // namespace estimation
 
 PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
@@ -183,17 +197,25 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
     win = choose_window(grey, 1L << 20);
   }
   const Image seen = on_own_range(crop(grey, win.x, win.y, win.width, win.height));
-  // Clipped highlights filled from around them for the fits on the whole
-  // plane, and their gradients dropped at every scale.
-  const Image clipped = clipped_samples(seen);
-  const Image ignore = near_clipped(clipped, seen.width, seen.height, side);
-  const NoiseModel noise = noise_model(seen, &ignore);
-  const Image plane = fill_ignored(seen, ignore, noise);
-  check_picture(plane, side, noise);
+  // A picture too noisy at its own scale may still show its blur where
+  // averages of 2 x 2 or 4 x 4 samples have taken most of its noise out; the
+  // kernel found there is enlarged back. The fitted models are drawn at the
+  // picture's own scale only.
+  Scaled at = at_scale(seen, 1, side);
+  while (model == "kernel" && too_noisy(at.plane, at.noise) && at.factor < tuning().coarsest) {
+    Scaled coarser = at_scale(seen, 2 * at.factor, side);
+    if (std::min(coarser.plane.width, coarser.plane.height) < std::max(48, 3 * coarser.side)) break;
+    at = std::move(coarser);
+  }
+  const Image& plane = at.plane;
+  const Image& clipped = at.clipped;
+  const NoiseModel& noise = at.noise;
+  const int scaled_side = at.side;
+  check_picture(plane, scaled_side, noise);
 
   FinestScale finest;
-  Image kernel = free_kernel(plane, clipped, side, threads, model == "kernel" ? nullptr : &finest, options);
-  check_kernel(kernel, side);
+  Image kernel = free_kernel(plane, clipped, scaled_side, threads, model == "kernel" ? nullptr : &finest, options);
+  check_kernel(kernel, scaled_side);
   report(options, model == "kernel" ? "checking" : "fitting", 1);
   if (model == "kernel") {
     EstimateOptions quiet = options;
@@ -205,9 +227,9 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   if (model != "kernel")
     return fit_model(model, kernel, *finest.transforms, *finest.step, finest.canvas, finest.bx, finest.by, plane.width,
                      plane.height, finest.ignore);
-  check_likelihood(plane, kernel, side, threads, noise);
+  check_likelihood(plane, kernel, scaled_side, threads, noise);
   PsfEstimate result;
-  result.psf = centre_and_trim(kernel);
+  result.psf = centre_and_trim(at.factor > 1 ? enlarge_kernel(kernel, at.factor) : kernel);
   result.description = "kernel " + std::to_string(result.psf.width) + " " + std::to_string(result.psf.height);
   return result;
 }

@@ -114,6 +114,18 @@ Image resize_kernel(const Image& kernel, int side) {
   return out;
 }
 
+Image enlarge_kernel(const Image& kernel, const int factor) {
+  const int side = factor * kernel.width | 1;
+  const double c_in = kernel.width / 2, c_out = side / 2;
+  Image out(side, side, 1);
+  double sum = 0;
+  for (int y = 0; y < side; ++y)
+    for (int x = 0; x < side; ++x)
+      sum += out.at(x, y) = (float)std::max(0.0, bilinear(kernel, (x - c_out) / factor + c_in, (y - c_out) / factor + c_in));
+  for (float& v : out.pixels) v = (float)(v / sum);
+  return out;
+}
+
 std::vector<Level> pyramid(int kernel_side) {
   std::vector<Level> levels;
   const double ratio = std::sqrt(0.5);

@@ -68,6 +68,11 @@ void check_finite(const Image& picture) {
               ", channel " + std::to_string(first / plane));
 }
 
+bool too_noisy(const Image& plane, const NoiseModel& noise) {
+  const double range = robust_spread(plane).width;
+  return range > 0 && std::sqrt(noise.mean_variance(plane)) / range > tuning().trust_noise;
+}
+
 void check_picture(const Image& plane, int kernel_side, const NoiseModel& model) {
   const int least = std::max(48, 3 * kernel_side);
   if (plane.width < least || plane.height < least)
