@@ -211,7 +211,7 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   const Image& clipped = at.clipped;
   const NoiseModel& noise = at.noise;
   const int scaled_side = at.side;
-  check_picture(plane, scaled_side, noise);
+  check_picture(plane, scaled_side, noise, at.factor);
 
   FinestScale finest;
   Image kernel = free_kernel(plane, clipped, scaled_side, threads, model == "kernel" ? nullptr : &finest, options);

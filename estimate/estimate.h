@@ -284,8 +284,9 @@ Image on_own_range(const Image& plane);
 // spread through every transform of the estimate.
 void check_finite(const Image& picture);
 // Throws Error when the picture is too small, too flat or too noisy (by the
-// noise model) for its spread of values.
-void check_picture(const Image& plane, int kernel_side, const NoiseModel& noise);
+// noise model) for its spread of values; `plane` is the picture at 1 / factor
+// of its scale.
+void check_picture(const Image& plane, int kernel_side, const NoiseModel& noise, int factor = 1);
 // Whether the noise (from the model) is above trust_noise of the picture's
 // spread of values: too much to estimate the blur at this scale.
 bool too_noisy(const Image& plane, const NoiseModel& noise);

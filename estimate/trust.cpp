@@ -73,7 +73,7 @@ bool too_noisy(const Image& plane, const NoiseModel& noise) {
   return range > 0 && std::sqrt(noise.mean_variance(plane)) / range > tuning().trust_noise;
 }
 
-void check_picture(const Image& plane, int kernel_side, const NoiseModel& model) {
+void check_picture(const Image& plane, int kernel_side, const NoiseModel& model, const int factor) {
   const int least = std::max(48, 3 * kernel_side);
   if (plane.width < least || plane.height < least)
     throw Error("the picture (" + std::to_string(plane.width) + " x " + std::to_string(plane.height) +
@@ -96,8 +96,11 @@ void check_picture(const Image& plane, int kernel_side, const NoiseModel& model)
   // bright one.
   const Tuning& tune = tuning();
   const bool flat = signal < tune.trust_signal * noise;
-  if (noise > tune.trust_noise && signal >= noise)
+  if (noise > tune.trust_noise && signal >= noise && factor == 1)
     throw Error("the picture is too noisy (noise about " + percent(noise) + " of its values' spread)");
+  if (noise > tune.trust_noise && signal >= noise)
+    throw Error("the picture is too noisy even at 1/" + std::to_string(factor) + " of its scale (noise there about " +
+                percent(noise) + " of its values' spread)");
   if (flat)
     throw Error("the picture is too flat (contrast " + percent(signal) + " of its values' spread, noise " +
                 percent(noise) + ") to show its blur");

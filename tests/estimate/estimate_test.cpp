@@ -118,7 +118,7 @@ TEST(Refusals, SayWhy) {
       {to_image(blurred_case("camera.png", Kind::motion, 0, 1).blurred.get_crop(0, 0, 99, 99), 1.0f / 255), "too small"},
       {grey(0.002f), "too flat"},
       // Noise as wide as the values: too noisy even at half scale.
-      {with_noise(to_image(blurred_case("camera.png", Kind::disk, 0, 1).blurred, 1.0f / 255), 1, 2), "too noisy"},
+      {with_noise(to_image(blurred_case("camera.png", Kind::disk, 0, 1).blurred, 1.0f / 255), 1, 2), "too noisy even at 1/2 of its scale"},
       {deconv::Image(), "empty"},
       {grey(0.01f, true), "1 samples that are not finite (NaN or infinite), the first at x 7, y 9"}};
   for (const auto& c : cases)
