@@ -10,12 +10,13 @@ Run (make bench does, on the bench build):
         [--figure PNG]       (only examples/camera_default.png)
 
 Pipelines: "default", the module's defaults (method "auto": the sparse
-prior in light for these 8-bit pictures), blind as deconv-restore --psf auto
-restores (the filter); each method ("wiener", "richardson-lucy", "sparse")
-on the stored values and in light ("+light"); those the module refuses
-(TypeError, deconv.Error on a small probe) are listed as not available. A
-JPEG is restored with compressed=True, as deconv-restore restores a JPEG
-file. Blind: deconv.estimate_psf, then restore with its PSF.
+prior in light for these 8-bit pictures; with an estimated PSF, as
+deconv-restore --psf auto restores, the filter made cautious); each method
+("wiener", "richardson-lucy", "sparse") on the stored values and in light
+("+light"); those the module refuses (TypeError, deconv.Error on a small
+probe) are listed as not available. A JPEG is restored with
+compressed=True, as deconv-restore restores a JPEG file. Blind:
+deconv.estimate_psf, then restore with its PSF and estimated_psf=True.
 
 Measures, all on the 8-bit sRGB values against sharp.png:
   PSNR, SSIM   over the interior (beyond one PSF side from the edges), at the
@@ -66,8 +67,8 @@ CANDIDATES = [("default", {}), ("wiener", {"method": "wiener"}),
               ("richardson-lucy+light", {"method": "richardson-lucy", "light": "auto"}),
               ("sparse", {"method": "sparse", "light": "linear"}), ("sparse+light", {"method": "sparse", "light": "auto"}),
               ("sparse-unclipped", {"method": "sparse", "light": "auto", "highlights": None})]
-# What deconv-restore --psf auto does: the estimated kernel restored by the filter.
-BLIND_DEFAULT = {"method": "wiener"}
+# An estimated kernel is restored as deconv-restore --psf auto restores it.
+ESTIMATED = {"estimated_psf": True}
 SHIFT = 2
 ORACLE_ITERATIONS = [5, 10, 20, 40, 80, 160]
 
@@ -219,7 +220,7 @@ def run_case(job):
             if kernel is None:
                 out, seconds = blurred, 0.0
             else:
-                given = BLIND_DEFAULT if name == "default" and source == "blind" else options
+                given = dict(options, **ESTIMATED) if source == "blind" else options
                 out, seconds, reason = restore(blurred, kernel, given, compressed)
             score = scorer.score(out)
             rows.append(dict(common, pipeline=name, source=source, refused=reason, estimate_seconds=estimate_seconds,

@@ -137,9 +137,11 @@ Image restore_planes(const Image& stack, const Image& psf, const RestoreOptions&
 }
 
 // The options with "auto" made a method: the sparse prior in light for a
-// photograph as a camera saves it, the filter on the stored values else.
+// photograph as a camera saves it, the filter on the stored values else,
+// and for an estimated PSF, whose errors the filter's caution forgives best.
 RestoreOptions with_method(const Image& blurred, RestoreOptions options) {
-  const bool photograph = options.light == "encoded" && blurred.depth == 1 && options.strength < 0 && !options.exact;
+  const bool photograph = options.light == "encoded" && blurred.depth == 1 && options.strength < 0 &&
+                          !options.exact && !options.estimated_psf;
   options.method = photograph ? "sparse" : "wiener";
   if (!photograph) options.light = "linear";
   return options;

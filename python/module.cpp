@@ -417,7 +417,8 @@ psf       the blur: a 2-D array of any size and scale, no larger than the
           "gaussian:2", "motion:15,20", "disk:3", "box:5,3".
 method    "auto": "sparse" in light for a photograph as cameras save it
           (a uint8 picture, or light="encoded", strength "auto", not
-          exact), "wiener" on the stored values otherwise;
+          exact, not estimated_psf), "wiener" on the stored values
+          otherwise;
           "wiener": the closed-form filter;
           "richardson-lucy": the maximum-likelihood restoration of photon
           counts (microscopy, astronomy), non-negative, in 2-D or 3-D;

@@ -257,6 +257,8 @@ class Light(unittest.TestCase):
                                       deconv.restore(photo, psf, method="sparse", light="encoded", workers=1))
         np.testing.assert_array_equal(deconv.restore(floats, psf, workers=1),
                                       deconv.restore(floats, psf, method="wiener", workers=1))
+        np.testing.assert_array_equal(deconv.restore(photo, psf, estimated_psf=True, workers=1),
+                                      deconv.restore(photo, psf, method="wiener", estimated_psf=True, workers=1))
         for given, words in [(dict(light="sRGB"), "light must be"), (dict(highlights=-1), "highlights must be")]:
             with self.subTest(words), self.assertRaises(deconv.Error) as raised:
                 deconv.restore(photo, psf, **given)

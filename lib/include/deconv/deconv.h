@@ -75,7 +75,8 @@ struct RestoreOptions {
   // is chosen alike for both.
   bool exact = false;
   // "auto": "sparse" for photographs as cameras save them (`light`
-  // "encoded", a single plane, the prior's weight chosen, not exact): it
+  // "encoded", a single plane, the prior's weight chosen, not exact, the PSF
+  // not estimated): it
   // restores camera-formed photographs within 0.1 dB of a Richardson-Lucy
   // stopped at its best, the filter 1 dB below (bench/camera_bench.py);
   // "wiener" on the stored values ("linear") for everything else.
