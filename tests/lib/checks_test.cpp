@@ -127,7 +127,7 @@ TEST(Library, DrawPsfRefusesWhatItCannotDraw) {
   for (const auto& [description, refusal] : {std::pair{"gaussian:1e9", "wider than 2001"}, {"gaussian:333.4", "wider than 2001"},
                                              {"motion:1e300,0", "wider than 2001"}, {"disk:1001", "wider than 2001"},
                                              {"disk:1e-300", "too small to draw"}, {"box:1e-30,1e-30", "too small to draw"}})
-    EXPECT_THAT(thrown<deconv::Error>([&] { deconv::draw_psf(description); }), HasSubstr(refusal)) << description;
+    EXPECT_THAT(thrown<deconv::Error>([d = description] { deconv::draw_psf(d); }), HasSubstr(refusal)) << description;
   for (const auto& [description, side] : {std::pair{"gaussian:333.3", 2001}, {"box:2000,1", 2001}, {"gaussian:1e-30", 3}}) {
     const deconv::Image psf = deconv::draw_psf(description);
     EXPECT_TRUE(psf.width == side && *std::max_element(psf.pixels.begin(), psf.pixels.end()) == 1.0f) << description;
