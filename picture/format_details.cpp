@@ -84,6 +84,35 @@ int jpeg_quality(const std::vector<unsigned char>& bytes) {
   return 0;
 }
 
+bool iptc_overruns(const std::vector<unsigned char>& bytes) {
+  // The block as OpenImageIO reads it: "Photoshop 3.0", 0, "8BIM", 0x0404, four
+  // bytes skipped, the records' length in two, then records of 0x1C, record,
+  // dataset and a two-byte size. Every block is looked at, wherever a marker
+  // stands: libjpeg finds markers past bytes that are none.
+  static const unsigned char tag[] = "Photoshop 3.0";  // with its 0
+  const auto u16 = [&](const size_t at) { return (size_t)bytes[at] << 8 | bytes[at + 1]; };
+  for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), tag, tag + sizeof tag)) != bytes.end(); ++at) {
+    const size_t start = at - bytes.begin();
+    // The marker's own length bounds what libjpeg keeps of it.
+    const size_t end = start >= 4 && bytes[start - 4] == 0xFF && bytes[start - 3] == 0xED && u16(start - 2) >= 2
+                           ? std::min(bytes.size(), start - 2 + u16(start - 2))
+                           : bytes.size();
+    size_t i = start + sizeof tag;
+    if (i + 12 > end || std::memcmp(&bytes[i], "8BIM", 4) || u16(i + 4) != 0x0404) continue;
+    long left = (long)u16(i + 10);
+    for (i += 12; left > 0;) {
+      if (i + 5 > end) return true;
+      if (bytes[i] != 0x1C || (bytes[i + 1] != 1 && bytes[i + 1] != 2)) break;
+      const size_t size = u16(i + 3);
+      i += 5;
+      if (i + size > end) return true;
+      i += size;
+      left -= 5 + (long)size;
+    }
+  }
+  return false;
+}
+
 std::vector<unsigned char> file_head(const std::string& path, const size_t limit) {
   std::vector<unsigned char> bytes(limit);
   std::FILE* const file = std::fopen(path.c_str(), "rb");

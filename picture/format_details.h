@@ -1,7 +1,9 @@
 // What OpenImageIO's readers and writers leave out of two formats, put back
 // around them: the quality a JPEG was saved at, the Exif block of a PNG
 // (orientation and camera), and a PNG cut short told before libpng meets its
-// end (OpenImageIO 2.4 leaks its error message when libpng jumps out then).
+// end (OpenImageIO 2.4 leaks its error message when libpng jumps out then),
+// and a JPEG's IPTC records that overrun their block told before OpenImageIO
+// 2.4 reads past it.
 #ifndef DECONV_PICTURE_FORMAT_DETAILS_H
 #define DECONV_PICTURE_FORMAT_DETAILS_H
 
@@ -21,6 +23,10 @@ std::vector<unsigned char> file_head(const std::string& path, size_t limit);
 
 // Whether the file at `path` is a PNG whose chunks run past its end.
 bool png_cut_short(const std::string& path);
+
+// Whether the JPEG `bytes` hold a Photoshop block (APP13) whose IPTC records
+// run past its end: OpenImageIO 2.4 reads such a record beyond the block.
+bool iptc_overruns(const std::vector<unsigned char>& bytes);
 
 // `png` (a whole PNG file) with an eXIf chunk after its header, holding the
 // Exif data of `header` (orientation, camera, exposure), when there is any.
