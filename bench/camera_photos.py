@@ -223,14 +223,21 @@ def plan(count):
     return cases
 
 
-def camera_case(index, photo_index, kind, lights, seed):
+def framed(index, photo_index, kind, seed):
+    """A case's random numbers, its photograph, crop and PSF, and the crop
+    with a PSF's margin around it."""
     rng = np.random.default_rng([seed, index])
     name, height, width, grey = PHOTOS[photo_index]
     photo = read_photo(name, grey)
     top, left, h, w = place(photo, height, width, rng)
     psf, blur_words = random_psf(kind, rng)
     margin = psf.shape[0] // 2
-    scene = srgb_to_linear(with_margin(photo, top, left, h, w, margin))
+    return rng, name, grey, top, left, h, w, psf, blur_words, margin, with_margin(photo, top, left, h, w, margin)
+
+
+def camera_case(index, photo_index, kind, lights, seed):
+    rng, name, grey, top, left, h, w, psf, blur_words, margin, framing = framed(index, photo_index, kind, seed)
+    scene = srgb_to_linear(framing)
     mask, centres = np.zeros((h, w), bool), []
     if lights:
         scene, mask, centres = add_lamps(scene, margin, h, w, grey, rng)
@@ -247,13 +254,7 @@ def camera_case(index, photo_index, kind, lights, seed):
 
 
 def old_case(index, photo_index, kind, seed):
-    rng = np.random.default_rng([seed, index])
-    name, height, width, grey = PHOTOS[photo_index]
-    photo = read_photo(name, grey)
-    top, left, h, w = place(photo, height, width, rng)
-    psf, blur_words = random_psf(kind, rng)
-    margin = psf.shape[0] // 2
-    scene = with_margin(photo, top, left, h, w, margin)
+    rng, name, grey, top, left, h, w, psf, blur_words, margin, scene = framed(index, photo_index, kind, seed)
     noise = 0.01 * rng.random()
     blurred = blur(scene, psf) + rng.normal(0, noise, (h, w) + scene.shape[2:])
     return {"scene": srgb_to_linear(scene[margin:margin + h, margin:margin + w]), "psf": psf,

@@ -198,8 +198,8 @@ PsfEstimate estimate_psf(const Image& blurred, const EstimateOptions& options) {
   }
   const Image seen = on_own_range(crop(grey, win.x, win.y, win.width, win.height));
   // A picture too noisy at its own scale may still show its blur where
-  // averages of 2 x 2 or 4 x 4 samples have taken most of its noise out; the
-  // kernel found there is enlarged back. The fitted models are drawn at the
+  // averages of 2 x 2 samples (and coarser, as far as Tuning::coarsest goes)
+  // have taken most of its noise out; the kernel found there is enlarged back. The fitted models are drawn at the
   // picture's own scale only.
   Scaled at = at_scale(seen, 1, side);
   while (model == "kernel" && too_noisy(at.plane, at.noise) && at.factor < tuning().coarsest) {

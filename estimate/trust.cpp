@@ -96,10 +96,10 @@ void check_picture(const Image& plane, int kernel_side, const NoiseModel& model,
   // bright one.
   const Tuning& tune = tuning();
   const bool flat = signal < tune.trust_signal * noise;
-  if (noise > tune.trust_noise && signal >= noise && factor == 1)
-    throw Error("the picture is too noisy (noise about " + percent(noise) + " of its values' spread)");
   if (noise > tune.trust_noise && signal >= noise)
-    throw Error("the picture is too noisy even at 1/" + std::to_string(factor) + " of its scale (noise there about " +
+    throw Error("the picture is too noisy" +
+                (factor == 1 ? std::string(" (noise about ")
+                             : " even at 1/" + std::to_string(factor) + " of its scale (noise there about ") +
                 percent(noise) + " of its values' spread)");
   if (flat)
     throw Error("the picture is too flat (contrast " + percent(signal) + " of its values' spread, noise " +

@@ -253,8 +253,10 @@ PictureFile read_picture(const std::string& path, const SampleScale scale) {
   PictureFile own;
   if (read_binary_pnm(path, scale, own) || read_fits(path, scale, own)) return own;
   if (png_cut_short(path)) cannot_read(path, "the file is cut short");
-  // Markers stand before the picture's data; 4 MB holds them in any camera's file.
-  if (iptc_overruns(file_head(path, 4 << 20))) cannot_read(path, "its IPTC metadata runs past its block");
+  // A JPEG's markers stand before its data; 4 MB holds them in any camera's file.
+  const std::vector<unsigned char> magic = file_head(path, 2);
+  if (magic.size() == 2 && magic[0] == 0xFF && magic[1] == 0xD8 && iptc_overruns(file_head(path, 4 << 20)))
+    cannot_read(path, "its IPTC metadata runs past its block");
   auto in = OIIO::ImageInput::open(path);
   if (!in) cannot_read(path, open_failure(path, printed));
   PictureFile picture;
